@@ -1,0 +1,13 @@
+#pragma once
+// Every throw in the libraries leaves one error record behind, naming the exception class
+// and the throwing source, so a support engineer can follow a failure through the log.
+
+#include "TarnBase/Exceptions.h"
+#include "TarnLog/Log.h"
+
+#define TARN_THROW(className, sourceName, ExceptionType)                                       \
+    do {                                                                                       \
+        ::TarnLog::Log(className, 0, "Throwing %s exception type. File: %s Line: %d.",         \
+                       #ExceptionType, sourceName, static_cast<int>(__LINE__));                \
+        throw ExceptionType();                                                                 \
+    } while (0)
