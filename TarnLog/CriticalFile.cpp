@@ -1,0 +1,147 @@
+#include "TarnLog/CriticalFile.h"
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+namespace TarnLog {
+
+const char kCriticalSeparator[] = "$$******SEPARATOR******$$";
+
+namespace {
+
+struct FileCloser {
+    void operator()(std::FILE* f) const { std::fclose(f); }
+};
+using UniqueStdFile = std::unique_ptr<std::FILE, FileCloser>;
+
+UniqueStdFile OpenForUpdate(const std::string& path)
+{
+    UniqueStdFile file(std::fopen(path.c_str(), "rb+"));
+    if (!file) {
+        UniqueStdFile created(std::fopen(path.c_str(), "wb"));
+        if (!created)
+            return nullptr;
+        created.reset();
+        file.reset(std::fopen(path.c_str(), "rb+"));
+    }
+    return file;
+}
+
+bool WriteAll(std::FILE* f, const void* data, size_t size)
+{
+    return std::fwrite(data, 1, size, f) == size;
+}
+
+} // namespace
+
+bool AppendCriticalRecord(const std::string& path, const std::string& text)
+{
+    try {
+        UniqueStdFile file = OpenForUpdate(path);
+        if (!file)
+            return false;
+        std::FILE* f = file.get();
+
+        uint32_t position = 0;
+        if (std::fseek(f, 0, SEEK_SET) != 0 || std::fread(&position, 1, 4, f) != 4)
+            position = 0;
+        if (std::fseek(f, 0, SEEK_END) != 0)
+            return false;
+        const long sizeOrError = std::ftell(f);
+        if (sizeOrError < 0)
+            return false;
+        const uint32_t size = static_cast<uint32_t>(sizeOrError);
+
+        bool restart = false;
+        if (position == 0 || position > size) {
+            restart = true;  // new file, or a position that points past the end: damaged
+        } else if (position >= kCriticalWrapPosition) {
+            if (std::fseek(f, static_cast<long>(position - kCriticalSeparatorLength), SEEK_SET) != 0)
+                return false;
+            for (uint32_t at = position - kCriticalSeparatorLength; at < size; ++at)
+                if (std::fputc(' ', f) == EOF)
+                    return false;
+            restart = true;
+        } else if (position < kCriticalSeparatorLength + 6) {
+            restart = true;  // too short to hold a separator
+        }
+
+        if (restart) {
+            if (std::fseek(f, 4, SEEK_SET) != 0 || !WriteAll(f, "\r\n", 2))
+                return false;
+        } else if (std::fseek(f, static_cast<long>(position - kCriticalSeparatorLength), SEEK_SET) != 0) {
+            return false;
+        }
+
+        if (!WriteAll(f, text.data(), text.size()) || !WriteAll(f, "\r\n", 2) ||
+            !WriteAll(f, kCriticalSeparator, kCriticalSeparatorLength))
+            return false;
+        const long newPosition = std::ftell(f);
+        if (newPosition < 0)
+            return false;
+        const uint32_t stored = static_cast<uint32_t>(newPosition);
+        if (std::fseek(f, 0, SEEK_SET) != 0 || !WriteAll(f, &stored, 4))
+            return false;
+        return std::fflush(f) == 0;
+    } catch (...) {
+        return false;
+    }
+}
+
+namespace {
+
+// Record texts begin with their time stamp: "[MM/DD/YYYY ".
+bool LooksLikeRecord(const std::string& line)
+{
+    if (line.size() < 12 || line[0] != '[' || line[3] != '/' || line[6] != '/' || line[11] != ' ')
+        return false;
+    for (int i : {1, 2, 4, 5, 7, 8, 9, 10})
+        if (line[i] < '0' || line[i] > '9')
+            return false;
+    return true;
+}
+
+void CollectRecords(const std::string& bytes, size_t begin, size_t end, std::vector<std::string>& out)
+{
+    size_t at = begin;
+    while (at < end) {
+        size_t lineEnd = bytes.find("\r\n", at);
+        if (lineEnd == std::string::npos || lineEnd > end)
+            lineEnd = end;
+        std::string line = bytes.substr(at, lineEnd - at);
+        const size_t separator = line.find(kCriticalSeparator);
+        if (separator != std::string::npos)
+            line.erase(separator);
+        if (LooksLikeRecord(line))
+            out.push_back(line);
+        at = lineEnd + 2;
+    }
+}
+
+} // namespace
+
+CriticalFileContents ReadCriticalRecords(const std::string& bytes)
+{
+    CriticalFileContents contents;
+    if (bytes.size() < 4)
+        return contents;
+    uint32_t position = 0;
+    std::memcpy(&position, bytes.data(), 4);
+    contents.position = position;
+    const size_t size = bytes.size();
+    contents.positionValid = position >= kCriticalSeparatorLength + 6 && position <= size &&
+                             bytes.compare(position - kCriticalSeparatorLength, kCriticalSeparatorLength,
+                                           kCriticalSeparator) == 0;
+    if (!contents.positionValid) {
+        CollectRecords(bytes, 4, size, contents.records);
+        return contents;
+    }
+    // After the newest separator lie the oldest surviving records (their first line may be
+    // half overwritten, which the record-shape test drops); before it, the newer ones.
+    CollectRecords(bytes, position, size, contents.records);
+    CollectRecords(bytes, 4, position - kCriticalSeparatorLength, contents.records);
+    return contents;
+}
+
+} // namespace TarnLog

@@ -1,0 +1,99 @@
+#include "TarnLog/Log.h"
+#include "TarnLog/LogFormat.h"
+#include "TarnLog/win/Logger.h"
+
+#include <windows.h>
+
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace TarnLog {
+namespace {
+
+void __cdecl OnInvalidParameter(const wchar_t*, const wchar_t*, const wchar_t*, unsigned int, uintptr_t)
+{
+    try {
+        Logger::Instance().Log(kInvalidSequenceClass, 2, kInvalidSequenceMessage);
+    } catch (...) {
+    }
+}
+
+// Only wide conversions depend on the C run time's locale; switching it costs two
+// process-wide locale changes, so it is done only for formats that need it.
+bool HasWideConversion(const char* format)
+{
+    for (const char* p = std::strchr(format, '%'); p != nullptr; p = std::strchr(p + 1, '%')) {
+        const char* q = p + 1;
+        if (*q == '%') {
+            p = q;
+            continue;
+        }
+        while (*q != '\0' && std::strchr("-+ #0'.*0123456789hIL", *q) != nullptr)
+            ++q;
+        if (*q == 'S' || *q == 'C' || *q == 'w' || (*q == 'l' && (q[1] == 's' || q[1] == 'c')))
+            return true;
+    }
+    return false;
+}
+
+class ScopedAnsiLocale {
+public:
+    explicit ScopedAnsiLocale(bool active) : m_active(active)
+    {
+        if (!m_active)
+            return;
+        if (const char* current = std::setlocale(LC_ALL, nullptr))
+            m_saved = current;
+        char name[16];
+        std::snprintf(name, sizeof name, ".%u", ::GetACP());
+        std::setlocale(LC_ALL, name);
+    }
+    ~ScopedAnsiLocale()
+    {
+        if (m_active)
+            std::setlocale(LC_ALL, m_saved.empty() ? "C" : m_saved.c_str());
+    }
+
+private:
+    bool m_active;
+    std::string m_saved;
+};
+
+} // namespace
+
+void LogV(const char* className, unsigned char level, const char* format, va_list args) noexcept
+{
+    const DWORD savedError = ::GetLastError();
+    try {
+        bool invalid = false;
+        std::string message;
+        {
+            ScopedAnsiLocale locale(format != nullptr && HasWideConversion(format));
+            const _invalid_parameter_handler previous = _set_invalid_parameter_handler(OnInvalidParameter);
+            message = FormatMessageText(format, args, invalid);
+            _set_invalid_parameter_handler(previous);
+        }
+        if (invalid) {
+            NotifyObserver(kInvalidSequenceClass, 2, kInvalidSequenceMessage);
+            Logger::Instance().Log(kInvalidSequenceClass, 2, kInvalidSequenceMessage);
+        }
+        if (message.empty() && format != nullptr)
+            message = format;
+        NotifyObserver(className, level, message.c_str());
+        Logger::Instance().Log(className, level, message.c_str());
+    } catch (...) {
+    }
+    ::SetLastError(savedError);
+}
+
+void Log(const char* className, unsigned char level, const char* format, ...) noexcept
+{
+    va_list args;
+    va_start(args, format);
+    LogV(className, level, format, args);
+    va_end(args);
+}
+
+} // namespace TarnLog

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "TarnBase/NoCopySemantics.h"
+#include "TarnBase/win/Handle.h"
+#include "TarnMT/win/CriticalSection.h"
+#include "TarnMT/win/Event.h"
+#include "TarnMT/win/Mutex.h"
+
+#include <windows.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace TarnLog {
+
+extern const char kLoggerKeyPath[];    // HKCU "SOFTWARE\Ostrum\Kestrel\Logger"
+extern const char kRingMappingName[];  // before the namespace prefix
+extern const char kRingMutexName[];
+
+// The process-wide logger: every accepted record goes into the machine-wide ring, and,
+// as configured, to the debugger output and (errors) the critical log file.
+class Logger : public TarnBase::NoCopySemantics {
+public:
+    static Logger& Instance();
+
+    void Log(const char* className, unsigned char level, const char* message) noexcept;
+    void Initialize();
+
+private:
+    Logger();
+    ~Logger();
+
+    void ReadConfiguration(bool includeRingSize);
+    void ReloadConfiguration();
+    bool MapRing();
+    void WriteToRing(const struct LogRecord& record);
+    void WriteCritical(const std::string& text);
+
+    bool m_initialized = false;
+    std::string m_processName;
+    DWORD m_processId = 0;
+    TarnBase::UniqueRegKey m_key;
+    DWORD m_outputDebugString = 0;
+    DWORD m_criticalLogging = 1;
+    DWORD m_filterLevel = 255;
+    DWORD m_ringEntries = 512;
+    TarnMT::Mutex m_mutex;
+    TarnBase::UniqueHandle m_mapping;
+    TarnBase::UniqueMappedView m_view;
+    size_t m_viewSize = 0;
+    bool m_ringUsable = false;
+    uint32_t m_cachedGeneration = 0;
+    std::vector<std::unique_ptr<TarnMT::Event>> m_events;
+
+    TarnMT::CriticalSection m_criticalLock;
+    std::string m_criticalPath;
+};
+
+} // namespace TarnLog

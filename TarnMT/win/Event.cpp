@@ -1,0 +1,121 @@
+#include "TarnMT/win/Event.h"
+
+#include "TarnBase/Exceptions.h"
+#include "TarnMT/DebugLine.h"
+#include "TarnMT/win/Mutex.h"
+#include "TarnMT/win/Thread.h"
+
+namespace TarnMT {
+namespace {
+const char kClass[] = "TarnMT::Event";
+const char kSource[] = "Event";
+
+bool IsNtPlatform()
+{
+    OSVERSIONINFOA info{};
+    info.dwOSVersionInfoSize = sizeof info;
+    return ::GetVersionExA(&info) && info.dwPlatformId == VER_PLATFORM_WIN32_NT;
+}
+} // namespace
+
+void Event::Config(const std::string& name, const SECURITY_ATTRIBUTES* securityAttributes)
+{
+    AutoCriticalSection guard(&m_createLock);
+    if (m_handle) {
+        DebugLog(kClass, 2, "Event object Config operation failed because the object is already configured.");
+        return;
+    }
+    m_name = name;
+    m_securityAttributes = SecurityAttributes(securityAttributes);
+}
+
+bool Event::EnsureCreated()
+{
+    if (m_handle)
+        return true;
+    AutoCriticalSection guard(&m_createLock);
+    if (m_handle)
+        return true;
+    SECURITY_ATTRIBUTES* attributes = IsNtPlatform() ? m_securityAttributes.Get() : nullptr;
+    m_handle.Reset(::CreateEventA(attributes, TRUE, FALSE, m_name.empty() ? nullptr : m_name.c_str()));
+    const DWORD error = ::GetLastError();
+    if (m_handle && error == ERROR_ALREADY_EXISTS) {
+        m_alreadyExisted = true;
+        DebugLog(kClass, 2, "Internel CreateEvent call was successful, but indicated that a handle to an already existing named object was returned.");
+    }
+    if (!m_handle)
+        DebugLog(kClass, 0, "Internel CreateEvent call failed. GetLastError = %u.", static_cast<unsigned>(error));
+    return static_cast<bool>(m_handle);
+}
+
+HANDLE Event::CreatedHandle()
+{
+    if (!EnsureCreated())
+        TARN_MT_THROW(kClass, kSource, TarnBase::InvalidObjectException);
+    return m_handle.Get();
+}
+
+HANDLE Event::GetHandle()
+{
+    return CreatedHandle();
+}
+
+void Event::Reset()
+{
+    if (!::ResetEvent(CreatedHandle()))
+        DebugLog(kClass, 1, "Internal ResetEvent call failed. GetLastError = %u.", static_cast<unsigned>(::GetLastError()));
+}
+
+void Event::Set()
+{
+    if (!::SetEvent(CreatedHandle()))
+        DebugLog(kClass, 1, "Internal SetEvent call failed. GetLastError = %u.", static_cast<unsigned>(::GetLastError()));
+}
+
+void Event::Pulse()
+{
+    if (!::PulseEvent(CreatedHandle()))
+        DebugLog(kClass, 1, "Internal PulseEvent call failed. GetLastError = %u.", static_cast<unsigned>(::GetLastError()));
+}
+
+bool Event::Wait(DWORD timeoutMs, Thread* thread)
+{
+    HANDLE handles[3] = {CreatedHandle(), nullptr, nullptr};
+    DWORD count = 1;
+    if (thread == nullptr || !IsUsablePointer(thread)) {
+        DebugLog(kClass, 2, "Event object Wait operation being attempted without being bound to a TarnMT::Thread object.");
+    } else {
+        handles[1] = thread->GetHandle();
+        handles[2] = thread->GetYieldEvent();
+        DebugLog(kClass, 2, "Event object Wait operation bound to TarnMT::Thread with Thread HANDLE = %u.",
+                 static_cast<unsigned>(reinterpret_cast<uintptr_t>(handles[1])));
+        DebugLog(kClass, 2, "Event object Wait operation bound to TarnMT::Thread with Thread Yield Event HANDLE = %u.",
+                 static_cast<unsigned>(reinterpret_cast<uintptr_t>(handles[2])));
+        if (handles[1] == nullptr || handles[2] == nullptr)
+            TARN_MT_THROW(kClass, kSource, TarnBase::InvalidOperationException);
+        count = 3;
+    }
+
+    const DWORD result = ::WaitForMultipleObjects(count, handles, FALSE, timeoutMs);
+    switch (result) {
+    case WAIT_TIMEOUT:
+        DebugLog(kClass, 1, "Event object Wait operation failed due to timeout. Timeout interval: %u (milliseconds).",
+                 static_cast<unsigned>(timeoutMs));
+        return false;
+    case WAIT_OBJECT_0:
+    case WAIT_ABANDONED_0:
+        DebugLog(kClass, 2, "Event object Wait operation successful for current thread. ThreadID: %u.",
+                 static_cast<unsigned>(::GetCurrentThreadId()));
+        return true;
+    case WAIT_OBJECT_0 + 1:
+    case WAIT_OBJECT_0 + 2:
+    case WAIT_ABANDONED_0 + 1:
+    case WAIT_ABANDONED_0 + 2:
+        DebugLog(kClass, 1, "Event object Wait operation detected that the bound TarnMT::Thread object has been terminated.");
+        TARN_MT_THROW(kClass, kSource, TarnMT::ThreadAbortException);
+    default:
+        TARN_MT_THROW(kClass, kSource, TarnBase::InvalidObjectException);
+    }
+}
+
+} // namespace TarnMT

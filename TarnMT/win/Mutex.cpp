@@ -1,0 +1,129 @@
+#include "TarnMT/win/Mutex.h"
+
+#include "TarnBase/Exceptions.h"
+#include "TarnMT/DebugLine.h"
+#include "TarnMT/win/Thread.h"
+
+namespace TarnMT {
+namespace {
+const char kClass[] = "TarnMT::Mutex";
+const char kAutoClass[] = "TarnMT::AutoLockMutex";
+const char kSource[] = "Mutex";
+const char kAutoSource[] = "AutoLockMutex";
+
+bool IsNtPlatform()
+{
+    OSVERSIONINFOA info{};
+    info.dwOSVersionInfoSize = sizeof info;
+    return ::GetVersionExA(&info) && info.dwPlatformId == VER_PLATFORM_WIN32_NT;
+}
+} // namespace
+
+bool IsUsablePointer(const void* pointer)
+{
+    return pointer != nullptr && !::IsBadCodePtr(reinterpret_cast<FARPROC>(const_cast<void*>(pointer)));
+}
+
+void Mutex::Config(const std::string& name, const SECURITY_ATTRIBUTES* securityAttributes)
+{
+    AutoCriticalSection guard(&m_createLock);
+    if (m_handle) {
+        DebugLog(kClass, 2, "Mutex object Config operation failed because the object is already configured.");
+        return;
+    }
+    m_name = name;
+    m_securityAttributes = SecurityAttributes(securityAttributes);
+    m_handle.Reset();
+}
+
+bool Mutex::EnsureCreated()
+{
+    if (m_handle)
+        return true;
+    AutoCriticalSection guard(&m_createLock);
+    if (m_handle)
+        return true;
+    SECURITY_ATTRIBUTES* attributes = IsNtPlatform() ? m_securityAttributes.Get() : nullptr;
+    m_handle.Reset(::CreateMutexA(attributes, FALSE, m_name.empty() ? nullptr : m_name.c_str()));
+    const DWORD error = ::GetLastError();
+    if (m_handle && error == ERROR_ALREADY_EXISTS)
+        DebugLog(kClass, 2, "Internel CreateMutex call was successful, but indicated that a handle to an already existing named object was returned.");
+    if (!m_handle)
+        DebugLog(kClass, 0, "Internel CreateMutex call failed. GetLastError = %u.", static_cast<unsigned>(error));
+    return static_cast<bool>(m_handle);
+}
+
+HANDLE Mutex::GetHandle()
+{
+    EnsureCreated();
+    return m_handle.Get();
+}
+
+bool Mutex::Acquire(DWORD timeoutMs)
+{
+    return Acquire(timeoutMs, nullptr);
+}
+
+bool Mutex::Acquire(DWORD timeoutMs, Thread* thread)
+{
+    if (!EnsureCreated())
+        TARN_MT_THROW(kClass, kSource, TarnBase::InvalidObjectException);
+
+    HANDLE handles[3] = {m_handle.Get(), nullptr, nullptr};
+    DWORD count = 1;
+    if (thread != nullptr && IsUsablePointer(thread)) {
+        handles[1] = thread->GetHandle();
+        handles[2] = thread->GetYieldEvent();
+        if (handles[1] == nullptr || handles[2] == nullptr)
+            TARN_MT_THROW(kClass, kSource, TarnBase::InvalidOperationException);
+        count = 3;
+    }
+
+    const DWORD result = ::WaitForMultipleObjects(count, handles, FALSE, timeoutMs);
+    switch (result) {
+    case WAIT_OBJECT_0:
+    case WAIT_ABANDONED_0:
+        // An abandoned mutex still hands us ownership; its previous owner died holding it.
+        return true;
+    case WAIT_TIMEOUT:
+        DebugLog(kClass, 1, "Mutex object Acquire operation failed due to timeout. Timeout interval: %u (milliseconds).",
+                 static_cast<unsigned>(timeoutMs));
+        return false;
+    case WAIT_OBJECT_0 + 1:
+    case WAIT_OBJECT_0 + 2:
+    case WAIT_ABANDONED_0 + 1:
+    case WAIT_ABANDONED_0 + 2:
+        DebugLog(kClass, 1, "Mutex object Acquire operation detected that the bound TarnMT::Thread object has been terminated.");
+        TARN_MT_THROW(kClass, kSource, TarnMT::ThreadAbortException);
+    default:
+        TARN_MT_THROW(kClass, kSource, TarnBase::InvalidObjectException);
+    }
+}
+
+void Mutex::Release()
+{
+    if (!m_handle)
+        return;
+    if (!::ReleaseMutex(m_handle.Get()))
+        DebugLog(kClass, 1, "Internel ReleaseMutex call failed. GetLastError = %u.", static_cast<unsigned>(::GetLastError()));
+}
+
+AutoLockMutex::AutoLockMutex(Mutex* mutex, DWORD timeoutMs, Thread* thread) : m_mutex(mutex)
+{
+    if (!IsUsablePointer(mutex))
+        TARN_MT_THROW(kAutoClass, kAutoSource, TarnBase::InvalidParameterException);
+    const bool acquired = IsUsablePointer(thread) ? mutex->Acquire(timeoutMs, thread) : mutex->Acquire(timeoutMs);
+    if (!acquired) {
+        DebugLog(kAutoClass, 1, "Throwing %s exception type. File: %s Line: %d.", "TarnMT::AutoLockTimeoutException",
+                 kAutoSource, __LINE__);
+        throw TarnMT::AutoLockTimeoutException();
+    }
+}
+
+AutoLockMutex::~AutoLockMutex()
+{
+    if (IsUsablePointer(m_mutex))
+        m_mutex->Release();
+}
+
+} // namespace TarnMT
