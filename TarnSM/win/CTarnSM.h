@@ -1,0 +1,95 @@
+#pragma once
+
+#include "TarnSMX_h.h"
+#include "TarnUtils/win/Bstr.h"
+
+#include <objsafe.h>
+#include <ocidl.h>
+#include <wrl/client.h>
+
+#include <atomic>
+#include <string>
+
+namespace TarnSMX {
+
+// The scriptable trust control. Each scripted operation is a thin wrapper around one
+// internal decision member; every failure inside becomes a logged "false" or E_FAIL.
+class CTarnSM : public ITarnSM,
+                public IPersistPropertyBag,
+                public IObjectSafety,
+                public IObjectWithSite,
+                public ISupportErrorInfo {
+public:
+    CTarnSM();
+    virtual ~CTarnSM();
+    CTarnSM(const CTarnSM&) = delete;
+    CTarnSM& operator=(const CTarnSM&) = delete;
+
+    // IUnknown
+    STDMETHODIMP QueryInterface(REFIID iid, void** object) override;
+    STDMETHODIMP_(ULONG) AddRef() override;
+    STDMETHODIMP_(ULONG) Release() override;
+
+    // IDispatch, driven by the embedded type library
+    STDMETHODIMP GetTypeInfoCount(UINT* count) override;
+    STDMETHODIMP GetTypeInfo(UINT index, LCID lcid, ITypeInfo** info) override;
+    STDMETHODIMP GetIDsOfNames(REFIID iid, LPOLESTR* names, UINT count, LCID lcid, DISPID* ids) override;
+    STDMETHODIMP Invoke(DISPID id, REFIID iid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* result,
+                        EXCEPINFO* exception, UINT* argError) override;
+
+    // ITarnSM
+    STDMETHODIMP put_TrustedSiteDataFileURL(BSTR value) override;
+    STDMETHODIMP get_TrustedSiteDataFileURL(BSTR* p_pbstrTrustSiteURL) override;
+    STDMETHODIMP put_VendorID(BSTR value) override;
+    STDMETHODIMP get_VendorID(BSTR* p_pbstrVendorID) override;
+    STDMETHODIMP IsCurrentSiteAvailable(VARIANT_BOOL* p_pfResult) override;
+    STDMETHODIMP IsCurrentSiteLocal(VARIANT_BOOL* p_pfResult) override;
+    STDMETHODIMP IsCurrentSiteTrusted(VARIANT_BOOL* p_pfResult) override;
+    STDMETHODIMP IsCurrentContainerTrusted(BSTR AltTrustList, VARIANT_BOOL* p_pfResult) override;
+    STDMETHODIMP IsSiteTrusted(BSTR Site, VARIANT_BOOL* p_pfResult) override;
+    STDMETHODIMP IsContainerTrusted(BSTR AltTrustList, BSTR Container, VARIANT_BOOL* p_pfResult) override;
+
+    // IPersist / IPersistPropertyBag
+    STDMETHODIMP GetClassID(CLSID* clsid) override;
+    STDMETHODIMP InitNew() override;
+    STDMETHODIMP Load(IPropertyBag* bag, IErrorLog* errorLog) override;
+    STDMETHODIMP Save(IPropertyBag* bag, BOOL clearDirty, BOOL saveAll) override;
+
+    // IObjectSafety
+    STDMETHODIMP GetInterfaceSafetyOptions(REFIID iid, DWORD* supported, DWORD* enabled) override;
+    STDMETHODIMP SetInterfaceSafetyOptions(REFIID iid, DWORD mask, DWORD enabled) override;
+
+    // IObjectWithSite
+    STDMETHODIMP SetSite(IUnknown* site) override;
+    STDMETHODIMP GetSite(REFIID iid, void** site) override;
+
+    // ISupportErrorInfo
+    STDMETHODIMP InterfaceSupportsErrorInfo(REFIID iid) override;
+
+    // Decision members behind the scripted methods.
+    bool IsCurrentSiteAvailableInternal();
+    bool IsCurrentSiteLocalInternal();
+    bool IsCurrentSiteTrustedInternal();
+    bool IsCurrentContainerTrustedInternal(const std::string& altTrustList);
+
+    // Site discovery: what the hosting browser says about the page.
+    bool GetCurrentSiteURLAndZone(std::string& url, DWORD& zone);
+    bool GetCurrentSiteAvailableAndLocal(bool& available, bool& local);
+    bool GetCurrentSiteDomainAndScheme(std::string& domain, std::string& scheme);
+
+    // The TrustedSiteDataFileURL property as stored (may be null).
+    BSTR TrustDataFileURL() const { return m_trustDataFileUrl.Get(); }
+    void SetTrustDataFileURL(const wchar_t* value);
+
+private:
+    template <typename Fn>
+    HRESULT AnswerBoolean(const char* operation, VARIANT_BOOL* output, Fn decide);
+
+    std::atomic<ULONG> m_references{1};
+    Microsoft::WRL::ComPtr<IUnknown> m_site;
+    DWORD m_safetyOptions = 0;
+    TarnUtils::UniqueBstr m_trustDataFileUrl;
+    bool m_dirty = false;
+};
+
+} // namespace TarnSMX

@@ -1,0 +1,68 @@
+#include "TarnSM/win/ClassFactory.h"
+
+#include "TarnSM/win/CTarnSM.h"
+#include "TarnSM/win/Module.h"
+
+#include <new>
+
+namespace TarnSMX {
+
+// A factory handed out keeps the module loaded just as an object does.
+ClassFactory::ClassFactory()
+{
+    AddObjectReference();
+}
+
+ClassFactory::~ClassFactory()
+{
+    ReleaseObjectReference();
+}
+
+STDMETHODIMP ClassFactory::QueryInterface(REFIID iid, void** object)
+{
+    if (object == nullptr)
+        return E_POINTER;
+    if (::IsEqualIID(iid, IID_IUnknown) || ::IsEqualIID(iid, IID_IClassFactory)) {
+        *object = static_cast<IClassFactory*>(this);
+        AddRef();
+        return S_OK;
+    }
+    *object = nullptr;
+    return E_NOINTERFACE;
+}
+
+STDMETHODIMP_(ULONG) ClassFactory::AddRef()
+{
+    return ++m_references;
+}
+
+STDMETHODIMP_(ULONG) ClassFactory::Release()
+{
+    const ULONG remaining = --m_references;
+    if (remaining == 0)
+        delete this;
+    return remaining;
+}
+
+STDMETHODIMP ClassFactory::CreateInstance(IUnknown* outer, REFIID iid, void** object)
+{
+    if (object == nullptr)
+        return E_POINTER;
+    *object = nullptr;
+    if (outer != nullptr)
+        return CLASS_E_NOAGGREGATION;
+    auto* control = new (std::nothrow) CTarnSM();
+    if (control == nullptr)
+        return E_OUTOFMEMORY;
+    const HRESULT hr = control->QueryInterface(iid, object);
+    control->Release();
+    return hr;
+}
+
+STDMETHODIMP ClassFactory::LockServer(BOOL lock)
+{
+    TarnSMX::LockServer(lock != FALSE);
+    return S_OK;
+}
+
+} // namespace TarnSMX

@@ -1,0 +1,186 @@
+// What the hosting browser says about the page: its URL, zone, scheme and domain.
+#include "TarnSM/win/CTarnSM.h"
+
+#include "TarnSM/win/ScriptBoundary.h"
+#include "TarnUtils/win/StringConvert.h"
+
+#include <exdisp.h>
+#include <servprov.h>
+#include <shlguid.h>
+#include <urlmon.h>
+
+namespace TarnSMX {
+namespace {
+
+using Microsoft::WRL::ComPtr;
+
+constexpr DWORD kParseBufferLength = 2086;
+constexpr DWORD kParseFlags = 0x10000000;  // URL_UNESCAPE
+
+// Parses with one CoInternetParseUrl action into the fixed-size buffer.
+HRESULT ParseUrl(const std::wstring& url, PARSEACTION action, std::wstring& out)
+{
+    std::wstring buffer(kParseBufferLength, L'\0');
+    DWORD length = 0;
+    const HRESULT hr = ::CoInternetParseUrl(url.c_str(), action, kParseFlags, &buffer[0], kParseBufferLength, &length, 0);
+    if (hr != S_OK)
+        return FAILED(hr) ? hr : E_POINTER;  // S_FALSE: the result did not fit the buffer
+    buffer.resize(wcsnlen(buffer.c_str(), kParseBufferLength));
+    out = buffer;
+    return hr;
+}
+
+} // namespace
+
+bool CTarnSM::GetCurrentSiteURLAndZone(std::string& url, DWORD& zone)
+{
+    url.clear();
+    ComPtr<IServiceProvider> provider;
+    if (m_site)
+        m_site->QueryInterface(IID_PPV_ARGS(&provider));
+    if (!provider) {
+        TarnLog::Log(kControlClass, 2, "GetCurrentSiteURLAndZone: Failed to QI to IServiceProvider from our site.");
+        return false;
+    }
+
+    ComPtr<IWebBrowser2> browser;
+    HRESULT hr = provider->QueryService(SID_SWebBrowserApp, IID_PPV_ARGS(&browser));
+    if (FAILED(hr) || !browser) {
+        TarnLog::Log(kControlClass, 2,
+                     "GetCurrentSiteURLAndZone: Failed retrieve IWebBrowser2 from container. HRESULT = <0x%08.8X>",
+                     static_cast<unsigned>(hr));
+        return false;
+    }
+
+    TarnUtils::UniqueBstr location;
+    hr = browser->get_LocationURL(location.Put());
+    if (FAILED(hr)) {
+        TarnLog::Log(kControlClass, 2,
+                     "GetCurrentSiteURLAndZone: Failed get location URL from IWebBrowser2. HRESULT = <0x%08.8X>",
+                     static_cast<unsigned>(hr));
+        return false;
+    }
+    url = TarnUtils::BstrToAnsi(location.Get());
+    TarnLog::Log(kControlClass, 4, "GetCurrentSiteURLAndZone: Found current IE site URL: %s.", url.c_str());
+
+    ComPtr<IInternetSecurityManager> securityManager;
+    hr = provider->QueryService(IID_IInternetSecurityManager, IID_PPV_ARGS(&securityManager));
+    if (FAILED(hr)) {
+        TarnLog::Log(kControlClass, 4,
+                     "GetCurrentSiteURLAndZone: Failed to retrieve security manager from container. Will attempt CoCreate directly. HRESULT = <0x%08.8X>",
+                     static_cast<unsigned>(hr));
+        securityManager.Reset();
+        hr = ::CoCreateInstance(CLSID_InternetSecurityManager, nullptr, CLSCTX_INPROC_SERVER,
+                                IID_PPV_ARGS(&securityManager));
+        if (FAILED(hr)) {
+            TarnLog::Log(kControlClass, 2,
+                         "GetCurrentSiteURLAndZone: Failed to retrieve and CoCreate IE security manager. HRESULT = <0x%08.8X>",
+                         static_cast<unsigned>(hr));
+            return false;
+        }
+    }
+    if (!securityManager) {
+        TarnLog::Log(kControlClass, 2,
+                     "GetCurrentSiteURLAndZone: IE security manager CoCreate succeeded, however our IE security manager pointer is invalid.");
+        return false;
+    }
+
+    // A null location is mapped as an empty URL: the security manager refuses it cleanly.
+    hr = securityManager->MapUrlToZone(location.Get() ? location.Get() : L"", &zone, 0);
+    if (FAILED(hr)) {
+        TarnLog::Log(kControlClass, 2, "GetCurrentSiteURLAndZone: Failed to map URL to zone. HRESULT = <0x%08.8X>",
+                     static_cast<unsigned>(hr));
+        return false;
+    }
+    return true;
+}
+
+bool CTarnSM::IsCurrentSiteAvailableInternal()
+{
+    std::string url;
+    DWORD zone = 0;
+    if (GetCurrentSiteURLAndZone(url, zone)) {
+        TarnLog::Log(kControlClass, 3, "IsCurrentSiteAvailableInternal: Found current site: %s.", url.c_str());
+        return true;
+    }
+    TarnLog::Log(kControlClass, 3, "IsCurrentSiteAvailableInternal: Failed to get current site URL.");
+    return false;
+}
+
+bool CTarnSM::IsCurrentSiteLocalInternal()
+{
+    std::string url;
+    DWORD zone = 0;
+    if (GetCurrentSiteURLAndZone(url, zone)) {
+        TarnLog::Log(kControlClass, 3, "IsCurrentSiteLocalInternal: Found current site: %s.", url.c_str());
+        TarnLog::Log(kControlClass, 3, "IsCurrentSiteLocalInternal: Found current site's security zone: %u.",
+                     static_cast<unsigned>(zone));
+        return zone == URLZONE_LOCAL_MACHINE;
+    }
+    TarnLog::Log(kControlClass, 3, "IsCurrentSiteLocalInternal: Failed to get current site URL and zone.");
+    return false;
+}
+
+bool CTarnSM::GetCurrentSiteAvailableAndLocal(bool& available, bool& local)
+{
+    std::string url;
+    DWORD zone = 0;
+    available = false;
+    local = false;
+    if (!GetCurrentSiteURLAndZone(url, zone)) {
+        TarnLog::Log(kControlClass, 3, "GetCurrentSiteAvailableAndLocal: Failed to get current site URL and zone.");
+        return false;
+    }
+    TarnLog::Log(kControlClass, 3, "GetCurrentSiteAvailableAndLocal: Found current site: %s.", url.c_str());
+    TarnLog::Log(kControlClass, 3, "GetCurrentSiteAvailableAndLocal: Found current site's security zone: %u.",
+                 static_cast<unsigned>(zone));
+    available = true;
+    local = zone == URLZONE_LOCAL_MACHINE;
+    return true;
+}
+
+bool CTarnSM::GetCurrentSiteDomainAndScheme(std::string& domain, std::string& scheme)
+{
+    domain.clear();
+    scheme.clear();
+    std::string url;
+    DWORD zone = 0;
+    if (!GetCurrentSiteURLAndZone(url, zone)) {
+        TarnLog::Log(kControlClass, 2, "GetCurrentSiteDomainAndScheme: Failed to get current site URL and zone.");
+        return false;
+    }
+
+    // Canonicalising is only a validity gate; the parses below use the URL as the browser
+    // gave it.
+    std::wstring canonical;
+    HRESULT hr = ParseUrl(TarnUtils::AnsiToWide(url), PARSE_CANONICALIZE, canonical);
+    if (FAILED(hr)) {
+        TarnLog::Log(kControlClass, 1,
+                     "GetCurrentSiteDomainAndScheme: Failed to canonicalize current site URL. HRESULT = <0x%08.8X>",
+                     static_cast<unsigned>(hr));
+        return false;
+    }
+    std::wstring wideScheme;
+    hr = ParseUrl(TarnUtils::AnsiToWide(url), PARSE_SCHEMA, wideScheme);
+    if (FAILED(hr)) {
+        TarnLog::Log(kControlClass, 1,
+                     "GetCurrentSiteDomainAndScheme: Failed to parse scheme from current site URL. HRESULT = <0x%08.8X>",
+                     static_cast<unsigned>(hr));
+        return false;
+    }
+    std::wstring wideDomain;
+    hr = ParseUrl(TarnUtils::AnsiToWide(url), PARSE_DOMAIN, wideDomain);
+    if (FAILED(hr)) {
+        TarnLog::Log(kControlClass, 1,
+                     "GetCurrentSiteDomainAndScheme: Failed to parse domain from current site URL. HRESULT = <0x%08.8X>",
+                     static_cast<unsigned>(hr));
+        return false;
+    }
+    scheme = TarnUtils::WideToAnsi(wideScheme);
+    domain = TarnUtils::WideToAnsi(wideDomain);
+    TarnLog::Log(kControlClass, 3, "GetCurrentSiteDomainAndScheme: Parsed scheme: %s.", scheme.c_str());
+    TarnLog::Log(kControlClass, 3, "GetCurrentSiteDomainAndScheme: Parsed domain: %s.", domain.c_str());
+    return true;
+}
+
+} // namespace TarnSMX
