@@ -1,12 +1,7 @@
-// Trust decisions not yet wired to their evaluators answer "not trusted".
+// Container trust: answers "not trusted" until the evaluation is wired in.
 #include "TarnSM/win/CTarnSM.h"
 
 namespace TarnSMX {
-
-bool CTarnSM::IsCurrentSiteTrustedInternal()
-{
-    return false;
-}
 
 bool CTarnSM::IsCurrentContainerTrustedInternal(const std::string&)
 {
