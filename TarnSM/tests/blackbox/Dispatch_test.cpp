@@ -1,0 +1,281 @@
+#include "BlackBox.h"
+
+#include <doctest.h>
+
+#include <oleauto.h>
+
+using namespace BlackBox;
+
+namespace {
+
+DISPID IdOf(ITarnSM* control, const wchar_t* name)
+{
+    LPOLESTR names[] = {const_cast<LPOLESTR>(name)};
+    DISPID id = DISPID_UNKNOWN;
+    const HRESULT hr = control->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id);
+    return SUCCEEDED(hr) ? id : DISPID_UNKNOWN;
+}
+
+HRESULT PutById(ITarnSM* control, DISPID id, VARIANT value)
+{
+    DISPID named = DISPID_PROPERTYPUT;
+    DISPPARAMS params{&value, &named, 1, 1};
+    return control->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_PROPERTYPUT, &params, nullptr, nullptr, nullptr);
+}
+
+HRESULT GetById(ITarnSM* control, DISPID id, VARIANT& result, EXCEPINFO* exception = nullptr)
+{
+    DISPPARAMS none{nullptr, nullptr, 0, 0};
+    ::VariantInit(&result);
+    return control->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_PROPERTYGET | DISPATCH_METHOD, &none, &result,
+                           exception, nullptr);
+}
+
+VARIANT BstrVariant(const wchar_t* text)
+{
+    VARIANT v;
+    ::VariantInit(&v);
+    V_VT(&v) = VT_BSTR;
+    V_BSTR(&v) = text ? ::SysAllocString(text) : nullptr;
+    return v;
+}
+
+std::wstring HelpString(ITypeInfo* info, MEMBERID id)
+{
+    BSTR help = nullptr;
+    info->GetDocumentation(id, nullptr, &help, nullptr, nullptr);
+    std::wstring text = help ? help : L"";
+    ::SysFreeString(help);
+    return text;
+}
+
+} // namespace
+
+TEST_SUITE("the control through IDispatch")
+{
+    TEST_CASE("both ProgIDs create the control and names map to the fixed dispatch ids")
+    {
+        ComApartment com;
+        ComPtr<ITarnSM> control = CreateControl(L"TarnSM.TarnSM");
+        REQUIRE(control);
+        REQUIRE(CreateControl(L"TarnSM.TarnSM.1"));
+        CHECK(IdOf(control.Get(), L"TrustedSiteDataFileURL") == 1);
+        CHECK(IdOf(control.Get(), L"VendorID") == 2);
+        CHECK(IdOf(control.Get(), L"IsCurrentSiteAvailable") == 4);
+        CHECK(IdOf(control.Get(), L"IsCurrentSiteLocal") == 8);
+        CHECK(IdOf(control.Get(), L"IsCurrentSiteTrusted") == 12);
+        CHECK(IdOf(control.Get(), L"IsCurrentContainerTrusted") == 16);
+        CHECK(IdOf(control.Get(), L"IsSiteTrusted") == 20);
+        CHECK(IdOf(control.Get(), L"IsContainerTrusted") == 24);
+        CHECK(IdOf(control.Get(), L"vendorid") == 2);  // script names are case-insensitive
+        CHECK(IdOf(control.Get(), L"NoSuchMember") == DISPID_UNKNOWN);
+    }
+
+    TEST_CASE("the type library carries its exact names and help strings")
+    {
+        ComApartment com;
+        ComPtr<ITarnSM> control = CreateControl();
+        REQUIRE(control);
+        ComPtr<ITypeInfo> info;
+        REQUIRE(SUCCEEDED(control->GetTypeInfo(0, 0, &info)));
+        CHECK(HelpString(info.Get(), MEMBERID_NIL) == L"ITarnSM Interface");
+        CHECK(HelpString(info.Get(), 1) == L"property TrustedSiteDataFileURL");
+        CHECK(HelpString(info.Get(), 2) == L"property VendorID");
+        CHECK(HelpString(info.Get(), 4) == L"method IsCurrentSiteAvailable");
+        CHECK(HelpString(info.Get(), 16) == L"method IsCurrentContainerTrusted");
+        CHECK(HelpString(info.Get(), 24) == L"method IsContainerTrusted");
+
+        ComPtr<ITypeLib> library;
+        UINT index = 0;
+        REQUIRE(SUCCEEDED(info->GetContainingTypeLib(&library, &index)));
+        BSTR name = nullptr;
+        BSTR help = nullptr;
+        library->GetDocumentation(-1, &name, &help, nullptr, nullptr);
+        CHECK(std::wstring(name) == L"TarnSMLib");
+        CHECK(std::wstring(help) == L"TarnSM 1.0 Type Library");
+        ::SysFreeString(name);
+        ::SysFreeString(help);
+        TLIBATTR* attributes = nullptr;
+        REQUIRE(SUCCEEDED(library->GetLibAttr(&attributes)));
+        CHECK(attributes->wMajorVerNum == 1);
+        CHECK(attributes->wMinorVerNum == 0);
+        library->ReleaseTLibAttr(attributes);
+
+        ComPtr<ITypeInfo> coclass;
+        REQUIRE(SUCCEEDED(library->GetTypeInfoOfGuid(TarnSMX::kClsidTarnSM, &coclass)));
+        CHECK(HelpString(coclass.Get(), MEMBERID_NIL) == L"TarnSM Class");
+
+        // Parameter names come from the library too (the dispatch view hides the retval).
+        BSTR names[3] = {};
+        UINT count = 0;
+        REQUIRE(SUCCEEDED(info->GetNames(24, names, 3, &count)));
+        REQUIRE(count == 3);
+        CHECK(std::wstring(names[0]) == L"IsContainerTrusted");
+        CHECK(std::wstring(names[1]) == L"AltTrustList");
+        CHECK(std::wstring(names[2]) == L"Container");
+        for (BSTR n : names)
+            ::SysFreeString(n);
+    }
+
+    TEST_CASE("properties round-trip by id, including null and the empty string")
+    {
+        ComApartment com;
+        ComPtr<ITarnSM> control = CreateControl();
+        REQUIRE(control);
+
+        // Nothing is stored at creation. (Through IDispatch, the platform may hand a null
+        // string back as an empty one; the interface itself answers null.)
+        BSTR stored = reinterpret_cast<BSTR>(1);
+        CHECK(control->get_TrustedSiteDataFileURL(&stored) == S_OK);
+        CHECK(stored == nullptr);
+        VARIANT result;
+
+        VARIANT url = BstrVariant(L"../data/sites.dll");
+        CHECK(PutById(control.Get(), 1, url) == S_OK);
+        ::VariantClear(&url);
+        REQUIRE(GetById(control.Get(), 1, result) == S_OK);
+        CHECK(std::wstring(V_BSTR(&result)) == L"../data/sites.dll");
+        ::VariantClear(&result);
+
+        VARIANT null;
+        ::VariantInit(&null);
+        V_VT(&null) = VT_NULL;
+        CHECK(PutById(control.Get(), 1, null) == S_OK);
+        CHECK(control->get_TrustedSiteDataFileURL(&stored) == S_OK);
+        CHECK(stored == nullptr);
+
+        VARIANT empty = BstrVariant(L"");
+        CHECK(PutById(control.Get(), 1, empty) == S_OK);
+        ::VariantClear(&empty);
+        REQUIRE(GetById(control.Get(), 1, result) == S_OK);
+        REQUIRE(V_BSTR(&result) != nullptr);  // empty, not null: the page set a value
+        CHECK(::SysStringLen(V_BSTR(&result)) == 0);
+        ::VariantClear(&result);
+
+        // Bytes are kept exactly, embedded zero included.
+        BSTR odd = ::SysAllocStringLen(L"a\0b", 3);
+        CHECK(control->put_TrustedSiteDataFileURL(odd) == S_OK);
+        BSTR back = nullptr;
+        CHECK(control->get_TrustedSiteDataFileURL(&back) == S_OK);
+        CHECK(::SysStringLen(back) == 3);
+        CHECK(std::wstring(back, 3) == std::wstring(L"a\0b", 3));
+        ::SysFreeString(odd);
+        ::SysFreeString(back);
+    }
+
+    TEST_CASE("VendorID is one value for the whole process")
+    {
+        ComApartment com;
+        ComPtr<ITarnSM> first = CreateControl();
+        ComPtr<ITarnSM> second = CreateControl(L"TarnSM.TarnSM.1");
+        REQUIRE(first);
+        REQUIRE(second);
+        BSTR vendor = ::SysAllocString(L"acme");
+        CHECK(second->put_VendorID(vendor) == S_OK);
+        ::SysFreeString(vendor);
+        BSTR seen = nullptr;
+        CHECK(first->get_VendorID(&seen) == S_OK);
+        CHECK(std::wstring(seen) == L"acme");
+        ::SysFreeString(seen);
+
+        CHECK(first->put_VendorID(nullptr) == S_OK);  // null clears it for everyone
+        CHECK(second->get_VendorID(&seen) == S_OK);
+        REQUIRE(seen != nullptr);
+        CHECK(::SysStringLen(seen) == 0);
+        ::SysFreeString(seen);
+    }
+
+    TEST_CASE("an unsited control answers every question false, with S_OK, and says why in the log")
+    {
+        ComApartment com;
+        ComPtr<ITarnSM> control = CreateControl();
+        REQUIRE(control);
+        VARIANT_BOOL answer = VARIANT_TRUE;
+        CHECK(control->IsCurrentSiteAvailable(&answer) == S_OK);
+        CHECK(answer == VARIANT_FALSE);
+        answer = VARIANT_TRUE;
+        CHECK(control->IsCurrentSiteLocal(&answer) == S_OK);
+        CHECK(answer == VARIANT_FALSE);
+        answer = VARIANT_TRUE;
+        CHECK(control->IsCurrentSiteTrusted(&answer) == S_OK);
+        CHECK(answer == VARIANT_FALSE);
+        answer = VARIANT_TRUE;
+        CHECK(control->IsCurrentContainerTrusted(nullptr, &answer) == S_OK);
+        CHECK(answer == VARIANT_FALSE);
+
+        CHECK(CountRingMessages("GetCurrentSiteURLAndZone: Failed to QI to IServiceProvider from our site.") >= 2);
+        CHECK(CountRingMessages("IsCurrentSiteAvailableInternal: Failed to get current site URL.") >= 1);
+        CHECK(CountRingMessages("IsCurrentSiteLocalInternal: Failed to get current site URL and zone.") >= 1);
+    }
+
+    TEST_CASE("IsSiteTrusted and IsContainerTrusted are not implemented and log the same line")
+    {
+        ComApartment com;
+        ComPtr<ITarnSM> control = CreateControl();
+        REQUIRE(control);
+        const size_t before = CountRingMessages("IsSiteTrusted: Not implemented.");
+        VARIANT_BOOL answer = VARIANT_TRUE;
+        BSTR site = ::SysAllocString(L"example.com");
+        CHECK(control->IsSiteTrusted(site, &answer) == E_NOTIMPL);
+        CHECK(answer == VARIANT_FALSE);
+        answer = VARIANT_TRUE;
+        CHECK(control->IsContainerTrusted(site, site, &answer) == E_NOTIMPL);
+        CHECK(answer == VARIANT_FALSE);
+        ::SysFreeString(site);
+        CHECK(CountRingMessages("IsSiteTrusted: Not implemented.") == before + 2);
+
+        // Through IDispatch a script sees the status code itself.
+        VARIANT result;
+        EXCEPINFO exception{};
+        DISPPARAMS none{nullptr, nullptr, 0, 0};
+        VARIANT arg = BstrVariant(L"x");
+        DISPPARAMS one{&arg, nullptr, 1, 0};
+        ::VariantInit(&result);
+        const HRESULT hr = control->Invoke(20, IID_NULL, 0, DISPATCH_METHOD, &one, &result, &exception, nullptr);
+        ::VariantClear(&arg);
+        CHECK((hr == DISP_E_EXCEPTION ? exception.scode : hr) == E_NOTIMPL);
+        ::SysFreeString(exception.bstrSource);
+        ::SysFreeString(exception.bstrDescription);
+        ::SysFreeString(exception.bstrHelpFile);
+        (void)none;
+    }
+
+    TEST_CASE("a null output pointer gives E_FAIL, NULL_POINTER_ERROR and its record")
+    {
+        ComApartment com;
+        ComPtr<ITarnSM> control = CreateControl();
+        REQUIRE(control);
+        struct Case {
+            const char* name;
+            HRESULT (*call)(ITarnSM*);
+        };
+        const Case cases[] = {
+            {"get_TrustedSiteDataFileURL", [](ITarnSM* c) { return c->get_TrustedSiteDataFileURL(nullptr); }},
+            {"get_VendorID", [](ITarnSM* c) { return c->get_VendorID(nullptr); }},
+            {"IsCurrentSiteAvailable", [](ITarnSM* c) { return c->IsCurrentSiteAvailable(nullptr); }},
+            {"IsCurrentSiteLocal", [](ITarnSM* c) { return c->IsCurrentSiteLocal(nullptr); }},
+            {"IsCurrentSiteTrusted", [](ITarnSM* c) { return c->IsCurrentSiteTrusted(nullptr); }},
+            {"IsCurrentContainerTrusted", [](ITarnSM* c) { return c->IsCurrentContainerTrusted(nullptr, nullptr); }},
+            {"IsSiteTrusted", [](ITarnSM* c) { return c->IsSiteTrusted(nullptr, nullptr); }},
+            {"IsContainerTrusted", [](ITarnSM* c) { return c->IsContainerTrusted(nullptr, nullptr, nullptr); }},
+        };
+        for (const Case& c : cases) {
+            CAPTURE(c.name);
+            const std::string record = std::string(c.name) + "():  Error - Invalid Return Parameter.";
+            const size_t before = CountRingMessages(record);
+            CHECK(c.call(control.Get()) == E_FAIL);
+            ComPtr<IErrorInfo> error;
+            REQUIRE(::GetErrorInfo(0, &error) == S_OK);
+            BSTR description = nullptr;
+            BSTR source = nullptr;
+            error->GetDescription(&description);
+            error->GetSource(&source);
+            CHECK(std::wstring(description) == L"NULL_POINTER_ERROR");
+            CHECK(std::wstring(source) == L"TarnSM.TarnSM.1");
+            ::SysFreeString(description);
+            ::SysFreeString(source);
+            CHECK(CountRingMessages(record) == before + 1);
+        }
+        CHECK(CountRingMessages("get_VendorID():  Exception - NULL_POINTER_ERROR.  Extended Data = <>") >= 1);
+    }
+}
