@@ -1,11 +1,14 @@
 # make demo   build, register the control in a Wine prefix and let a page ask it
-# make test   every test: the Windows build under Wine and the portable logic natively
-#             under AddressSanitizer/UBSan
+# make test   every test: the Windows build under Wine, the portable logic natively under
+#             AddressSanitizer/UBSan, and a short run of every fuzzer
+# make fuzz   every fuzzer for FUZZ_SECONDS each (default 120)
 SHELL := /bin/sh
 WIN := build/win
 NATIVE := build/native
 
-.PHONY: all deps build native test demo bench clean
+.PHONY: all deps build native fuzz-build test demo fuzz bench clean
+FUZZ_SECONDS ?= 120
+FUZZ_SMOKE_SECONDS ?= 6
 
 all: build
 
@@ -20,9 +23,17 @@ native: deps
 	@cmake --preset native >/dev/null
 	@cmake --build --preset native
 
-test: build native
+fuzz-build: deps
+	@cmake --preset fuzz >/dev/null
+	@cmake --build --preset fuzz
+
+test: build native fuzz-build
 	@ctest --preset native
 	@ctest --preset windows
+	@testing/fuzz/run-fuzzers.sh build/fuzz $(FUZZ_SMOKE_SECONDS)
+
+fuzz: fuzz-build
+	@testing/fuzz/run-fuzzers.sh build/fuzz $(FUZZ_SECONDS)
 
 demo: build
 	@testing/demo/demo.sh $(WIN)

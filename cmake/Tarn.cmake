@@ -9,6 +9,7 @@
 # Files are picked up by glob so that adding a source never means editing a shared list.
 
 option(TARN_SANITIZE "Native build with AddressSanitizer and UndefinedBehaviorSanitizer" OFF)
+option(TARN_FUZZ "Native clang build of the libFuzzer targets (no unit tests)" OFF)
 set(TARN_DOCTEST_INCLUDE /usr/include/doctest)
 
 if(WIN32)
@@ -24,6 +25,10 @@ else()
   add_compile_options(-Wall -Wextra)
   if(TARN_SANITIZE)
     add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=address,undefined)
+  endif()
+  if(TARN_FUZZ)
+    add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
     add_link_options(-fsanitize=address,undefined)
   endif()
 endif()
@@ -76,6 +81,9 @@ endfunction()
 # tarn_tests(<lib> [LIBS ...] [SERIAL] [LOCKS ...]): one executable for tests/*.cpp and,
 # in the Windows build, one for tests/win/*.cpp.
 function(tarn_tests lib)
+  if(TARN_FUZZ)
+    return()
+  endif()
   cmake_parse_arguments(T "SERIAL" "" "LIBS;LOCKS" ${ARGN})
   file(GLOB portable CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tests/*.cpp)
   if(portable)
