@@ -2,6 +2,7 @@
 # make test   every test: the Windows build under Wine, the portable logic natively under
 #             AddressSanitizer/UBSan, and a short run of every fuzzer
 # make fuzz   every fuzzer for FUZZ_SECONDS each (default 120)
+# make bench  every benchmark; the table goes to the terminal and bench/results.md
 SHELL := /bin/sh
 WIN := build/win
 NATIVE := build/native
@@ -31,6 +32,9 @@ test: build native fuzz-build
 	@ctest --preset native
 	@ctest --preset windows
 	@testing/fuzz/run-fuzzers.sh build/fuzz $(FUZZ_SMOKE_SECONDS)
+
+bench: build
+	@bench/run-benchmarks.sh $(WIN)
 
 fuzz: fuzz-build
 	@testing/fuzz/run-fuzzers.sh build/fuzz $(FUZZ_SECONDS)
