@@ -1,0 +1,179 @@
+#include "TarnSM/SiteList.h"
+
+#include "TarnLog/Log.h"
+
+#include <new>
+
+namespace TarnSM {
+
+namespace {
+
+const char kClassName[] = "TarnSMX::TarnSM";
+
+bool IsLineEnd(char c) { return c == '\r' || c == '\n'; }
+
+char LowerAscii(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+
+bool EqualsIgnoringCase(const std::string& text, const char* lowerWord)
+{
+    size_t i = 0;
+    for (; i < text.size() && lowerWord[i] != '\0'; ++i)
+        if (LowerAscii(text[i]) != lowerWord[i])
+            return false;
+    return i == text.size() && lowerWord[i] == '\0';
+}
+
+// The list reaches us as a C string from the resource loader, so a zero byte ends it.
+size_t TextLength(const std::string& raw)
+{
+    const size_t nul = raw.find('\0');
+    return nul == std::string::npos ? raw.size() : nul;
+}
+
+} // namespace
+
+bool ParseSiteInfo(const std::string& raw, std::vector<std::string>& trusted, std::vector<std::string>& denied)
+{
+    const size_t trustedBefore = trusted.size();
+    const size_t deniedBefore = denied.size();
+    try {
+        const size_t end = TextLength(raw);
+        size_t pos = 0;
+        while (pos < end) {
+            size_t lineEnd = pos;
+            while (lineEnd < end && !IsLineEnd(raw[lineEnd]))
+                ++lineEnd;
+            if (lineEnd > pos) {
+                if (raw[pos] == '+')
+                    trusted.push_back(raw.substr(pos + 1, lineEnd - pos - 1));
+                else if (raw[pos] == '-')
+                    denied.push_back(raw.substr(pos + 1, lineEnd - pos - 1));
+            }
+            // Every CR and LF ends a (possibly empty) line; empty lines carry nothing.
+            pos = lineEnd + 1;
+        }
+        return true;
+    } catch (const std::bad_alloc&) {
+        // Shrinking never allocates, so a half-read list cannot be mistaken for the whole.
+        trusted.resize(trustedBefore);
+        denied.resize(deniedBefore);
+        TarnLog::Log(kClassName, 0, "ParseSiteInfo: Memory allocation failure. Can't parse trust data.");
+        return false;
+    }
+}
+
+bool MatchSite(const std::string& entry, const std::string& domain)
+{
+    const bool wildcard = entry.size() >= 3 && entry[0] == '*' && entry[1] == '.';
+    const bool exact = !wildcard && entry.size() >= 2 && entry[0] == '=';
+    const size_t skip = wildcard ? 2 : (exact ? 1 : 0);
+    const size_t patternLength = entry.size() - skip;
+
+    if (patternLength > domain.size())
+        return false;
+    const size_t offset = domain.size() - patternLength;
+    if (domain.compare(offset, patternLength, entry, skip, patternLength) != 0)
+        return false;
+    if (!wildcard && offset == 0)
+        return true;
+    if (exact)
+        return false;
+    // Only a whole label may precede the pattern: example.com must not admit badexample.com.
+    return offset > 0 && domain[offset - 1] == '.';
+}
+
+bool GetTrust(const std::vector<std::string>& trusted, const std::vector<std::string>& denied, const std::string& domain)
+{
+    for (const auto& entry : denied) {
+        if (!entry.empty() && MatchSite(entry, domain)) {
+            TarnLog::Log(kClassName, 2, "GetTrust: Current site found on denied list. Current site is not trusted.");
+            return false;
+        }
+    }
+    for (const auto& entry : trusted) {
+        if (!entry.empty() && MatchSite(entry, domain)) {
+            TarnLog::Log(kClassName, 3, "GetTrust: Current site found on trust list. Current site is trusted.");
+            return true;
+        }
+    }
+    TarnLog::Log(kClassName, 3, "GetTrust: Current site not found on trust list. Current site is not trusted.");
+    return false;
+}
+
+uint32_t SchemeCode(const std::string& scheme)
+{
+    if (EqualsIgnoringCase(scheme, "http"))
+        return kSchemeHttp;
+    if (EqualsIgnoringCase(scheme, "https"))
+        return kSchemeHttps;
+    if (EqualsIgnoringCase(scheme, "file"))
+        return kSchemeFile;
+    return kSchemeOther;
+}
+
+bool HasDllExtension(const std::string& downloadUrl)
+{
+    if (downloadUrl.size() < 3)
+        return false;
+    return EqualsIgnoringCase(downloadUrl.substr(downloadUrl.size() - 3), "dll");
+}
+
+int SiteListStringId(uint32_t schemeCode)
+{
+    switch (schemeCode) {
+    case kSchemeHttp:
+    case kSchemeFile:
+        return 102;
+    case kSchemeHttps:
+        return 101;
+    default:
+        return 0;
+    }
+}
+
+std::vector<SiteListWarning> LintSiteList(const std::string& raw)
+{
+    std::vector<SiteListWarning> warnings;
+    const size_t end = TextLength(raw);
+    size_t lineNumber = 1;
+    size_t pos = 0;
+    while (pos <= end) {
+        size_t lineEnd = pos;
+        while (lineEnd < end && !IsLineEnd(raw[lineEnd]))
+            ++lineEnd;
+        const std::string line = raw.substr(pos, lineEnd - pos);
+        auto warn = [&](const char* text) { warnings.push_back({lineNumber, text}); };
+
+        if (line.find_first_not_of(" \t") == std::string::npos) {
+            // Blank lines are layout, not mistakes.
+        } else if (line[0] != '+' && line[0] != '-') {
+            if (line[0] != '#' && line[0] != ';')
+                warn("line is ignored: it does not start with '+' or '-' (start comments with '#' or ';')");
+        } else {
+            const std::string entry = line.substr(1);
+            const size_t first = entry.find_first_not_of(" \t");
+            const size_t last = entry.find_last_not_of(" \t");
+            if (entry.empty()) {
+                warn("empty entry");
+            } else if (first != 0 || last != entry.size() - 1) {
+                warn("entry has leading or trailing blanks and can never match");
+            }
+            if (first != std::string::npos) {
+                const std::string core = entry.substr(first, last - first + 1);
+                if (core.find_first_of(" \t/:") != std::string::npos)
+                    warn("entry contains a blank, '/' or ':', which never appear in a domain");
+                if (core == "*." || core == "=")
+                    warn("entry names no domain after its '*.' or '='");
+            }
+        }
+
+        if (lineEnd >= end)
+            break;
+        // CR LF is one line break, as a publisher's editor shows it.
+        pos = lineEnd + ((raw[lineEnd] == '\r' && lineEnd + 1 < end && raw[lineEnd + 1] == '\n') ? 2 : 1);
+        ++lineNumber;
+    }
+    return warnings;
+}
+
+} // namespace TarnSM
