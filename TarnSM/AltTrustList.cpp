@@ -6,7 +6,7 @@
 
 #include <utility>
 
-namespace TarnSM {
+namespace TarnSMX {
 
 namespace {
 
@@ -68,4 +68,4 @@ void AddAltTrustList(std::vector<std::string>& containers, const std::string& al
     }
 }
 
-} // namespace TarnSM
+} // namespace TarnSMX

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace TarnSM {
+namespace TarnSMX {
 
 // Decodes `encodedText` into `decodedBytes`; false when the token cannot be decoded.
 using TokenDecoder = bool (*)(const std::string& encodedText, std::string& decodedBytes);
@@ -21,4 +21,4 @@ void AddAltTrustList(std::vector<std::string>& containers, const std::string& al
 // Lower case by ASCII rules only: file names must compare the same in every code page.
 std::string ToLowerAscii(std::string text);
 
-} // namespace TarnSM
+} // namespace TarnSMX

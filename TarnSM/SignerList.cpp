@@ -1,6 +1,6 @@
 #include "TarnSM/SignerList.h"
 
-namespace TarnSM {
+namespace TarnSMX {
 
 std::vector<std::string> SplitSigners(const std::string& text, const std::string& separators)
 {
@@ -16,4 +16,4 @@ std::vector<std::string> SplitSigners(const std::string& text, const std::string
     return names;
 }
 
-} // namespace TarnSM
+} // namespace TarnSMX

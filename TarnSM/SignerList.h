@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
-namespace TarnSM {
+namespace TarnSMX {
 
 // Names are the text between separators (any character of `separators`). Runs of separators
 // and separators at either end give no empty names; names keep their blanks, since a common
 // name is compared whole.
 std::vector<std::string> SplitSigners(const std::string& text, const std::string& separators);
 
-} // namespace TarnSM
+} // namespace TarnSMX

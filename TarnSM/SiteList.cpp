@@ -4,7 +4,7 @@
 
 #include <new>
 
-namespace TarnSM {
+namespace TarnSMX {
 
 namespace {
 
@@ -176,4 +176,4 @@ std::vector<SiteListWarning> LintSiteList(const std::string& raw)
     return warnings;
 }
 
-} // namespace TarnSM
+} // namespace TarnSMX

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace TarnSM {
+namespace TarnSMX {
 
 // Scheme codes of a page URL.
 constexpr uint32_t kSchemeHttp = 0;
@@ -47,4 +47,4 @@ struct SiteListWarning {
 };
 std::vector<SiteListWarning> LintSiteList(const std::string& raw);
 
-} // namespace TarnSM
+} // namespace TarnSMX

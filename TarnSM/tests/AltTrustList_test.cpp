@@ -4,7 +4,7 @@
 
 #include <doctest.h>
 
-using namespace TarnSM;
+using namespace TarnSMX;
 using Names = std::vector<std::string>;
 
 namespace {

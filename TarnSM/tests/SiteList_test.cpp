@@ -4,7 +4,7 @@
 
 #include <doctest.h>
 
-using namespace TarnSM;
+using namespace TarnSMX;
 using Names = std::vector<std::string>;
 
 TEST_CASE("site list text is cut into trusted and denied entries")

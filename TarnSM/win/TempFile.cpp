@@ -1,0 +1,45 @@
+#include "TarnSM/win/TempFile.h"
+
+#include "TarnBase/Throw.h"
+#include "TarnSM/win/ScriptBoundary.h"
+
+#include <windows.h>
+
+namespace TarnSMX {
+namespace {
+
+const char kFileManagerClass[] = "TarnUtilsLib::FileManager";
+const char kSource[] = "FileManager";
+
+std::wstring TemporaryFolder()
+{
+    wchar_t path[MAX_PATH + 1] = {};
+    const DWORD length = ::GetTempPathW(MAX_PATH, path);
+    if (length > 0 && length <= MAX_PATH)
+        return path;
+    wchar_t windows[MAX_PATH] = {};
+    const UINT windowsLength = ::GetWindowsDirectoryW(windows, MAX_PATH);
+    if (windowsLength == 0 || windowsLength >= MAX_PATH)
+        TARN_THROW(kFileManagerClass, kSource, TarnUtils::CreateTempDirException);
+    std::wstring fallback = std::wstring(windows) + L"\\temp";
+    if (!::CreateDirectoryW(fallback.c_str(), nullptr) && ::GetLastError() != ERROR_ALREADY_EXISTS)
+        TARN_THROW(kFileManagerClass, kSource, TarnUtils::CreateDirException);
+    return fallback;
+}
+
+} // namespace
+
+std::wstring CreateUniqueTempFile(const wchar_t* prefix)
+{
+    const std::wstring folder = TemporaryFolder();
+    if (folder.empty())
+        TARN_THROW(kFileManagerClass, kSource, TarnUtils::CreateTempDirException);
+    wchar_t path[MAX_PATH + 1] = {};
+    // Unique number 0: the system picks the name and creates the file, so no other
+    // process can take it between choosing and opening.
+    if (::GetTempFileNameW(folder.c_str(), prefix, 0, path) == 0)
+        return std::wstring();
+    return path;
+}
+
+} // namespace TarnSMX
