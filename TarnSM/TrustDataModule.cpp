@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace TarnSM {
+namespace TarnSMX {
 
 namespace {
 
@@ -511,4 +511,4 @@ bool ReadTrustDataStrings(const uint8_t* data, size_t size, std::map<uint16_t, s
     return false;
 }
 
-} // namespace TarnSM
+} // namespace TarnSMX

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace TarnSM {
+namespace TarnSMX {
 
 // Longest string either side accepts, in UTF-16 units. The length prefix of a string table
 // entry is 16 bits; staying within its signed range keeps tools that read it as signed safe.
@@ -28,4 +28,4 @@ std::vector<uint8_t> BuildTrustDataModule(const std::map<uint16_t, std::string>&
 bool ReadTrustDataStrings(const uint8_t* data, size_t size, std::map<uint16_t, std::string>& strings,
                           std::string& error);
 
-} // namespace TarnSM
+} // namespace TarnSMX

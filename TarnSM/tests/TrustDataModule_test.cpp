@@ -7,7 +7,7 @@
 #include <cstring>
 #include <memory>
 
-using namespace TarnSM;
+using namespace TarnSMX;
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <string>
 
-using namespace TarnSM;
+using namespace TarnSMX;
 
 namespace {
 
