@@ -12,14 +12,23 @@ bool RingBytes(uint32_t entries, size_t& bytes)
     return true;
 }
 
-bool IsUsableRing(const uint8_t* base, size_t mappedSize)
+namespace {
+// Copies the header once and judges that copy: a second read of the live header could see
+// a count another process wrote in between.
+bool ReadUsableHeader(const uint8_t* base, size_t mappedSize, RingHeader& header)
 {
     if (base == nullptr || mappedSize < kRingHeaderSize)
         return false;
-    RingHeader header;
     std::memcpy(&header, base, sizeof header);
     size_t needed = 0;
     return RingBytes(header.entryCount, needed) && needed <= mappedSize;
+}
+} // namespace
+
+bool IsUsableRing(const uint8_t* base, size_t mappedSize)
+{
+    RingHeader header;
+    return ReadUsableHeader(base, mappedSize, header);
 }
 
 std::string SlotEventName(const NotificationSlot& slot)
@@ -44,12 +53,11 @@ LogRecord EntryAt(const uint8_t* base, uint32_t index)
 bool SnapshotRing(const uint8_t* base, size_t mappedSize, RingSnapshot& snapshot, std::string& error)
 {
     snapshot = RingSnapshot();
-    if (!IsUsableRing(base, mappedSize)) {
+    RingHeader header;
+    if (!ReadUsableHeader(base, mappedSize, header)) {
         error = "the log ring's header is damaged (entry count does not fit the mapping)";
         return false;
     }
-    RingHeader header;
-    std::memcpy(&header, base, sizeof header);
     snapshot.generation = header.generation;
     snapshot.writeCounter = header.writeCounter;
     snapshot.entryCount = header.entryCount;
@@ -68,10 +76,9 @@ bool ReadRingSince(const uint8_t* base, size_t mappedSize, uint32_t seenCounter,
 {
     records.clear();
     lost = 0;
-    if (!IsUsableRing(base, mappedSize))
-        return false;
     RingHeader header;
-    std::memcpy(&header, base, sizeof header);
+    if (!ReadUsableHeader(base, mappedSize, header))
+        return false;
     newCounter = header.writeCounter;
     const uint32_t fresh = header.writeCounter - seenCounter;  // wraps correctly past 2^32
     uint32_t take = fresh;

@@ -1,0 +1,203 @@
+#pragma once
+// Reads back what the real logger put into the machine-wide log ring, the way an outside
+// viewer does: the mapping opened read-only, the ring mutex held only while bytes are
+// copied out. RingHeaderEditor plays a second process that writes the header (a reader
+// publishing its event, or a broken process damaging the header).
+
+#include "TarnBase/KernelObjectName.h"
+#include "TarnBase/win/Handle.h"
+#include "TarnLog/RingLayout.h"
+#include "TarnLog/win/Logger.h"
+
+#include <windows.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace TarnTest {
+
+inline std::string RingMappingName()
+{
+    return TarnBase::MakeKernelObjectName(TarnLog::kRingMappingName, true);
+}
+
+inline std::string RingMutexName()
+{
+    return TarnBase::MakeKernelObjectName(TarnLog::kRingMutexName, true);
+}
+
+// Holds the ring mutex of a handle for a scope. An abandoned mutex counts as taken, as it
+// does for the logger.
+class RingMutexHold {
+public:
+    RingMutexHold(HANDLE mutex, DWORD timeoutMs) : m_mutex(mutex)
+    {
+        const DWORD wait = mutex ? ::WaitForSingleObject(mutex, timeoutMs) : WAIT_FAILED;
+        m_held = wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED;
+    }
+    ~RingMutexHold()
+    {
+        if (m_held)
+            ::ReleaseMutex(m_mutex);
+    }
+    RingMutexHold(const RingMutexHold&) = delete;
+    RingMutexHold& operator=(const RingMutexHold&) = delete;
+    bool Held() const { return m_held; }
+
+private:
+    HANDLE m_mutex;
+    bool m_held = false;
+};
+
+// The bytes of one mapping view and the ring mutex, opened by name.
+class RingView {
+public:
+    // False when no process has the ring open.
+    bool Open(bool writable)
+    {
+        m_view.Reset();
+        m_mapping.Reset(::OpenFileMappingA(writable ? FILE_MAP_READ | FILE_MAP_WRITE : FILE_MAP_READ, FALSE,
+                                           RingMappingName().c_str()));
+        if (!m_mapping)
+            return false;
+        m_view.Reset(::MapViewOfFile(m_mapping.Get(), writable ? FILE_MAP_READ | FILE_MAP_WRITE : FILE_MAP_READ, 0, 0, 0));
+        MEMORY_BASIC_INFORMATION info{};
+        m_size = m_view && ::VirtualQuery(m_view.Get(), &info, sizeof info) ? info.RegionSize : 0;
+        m_mutex.Reset(::OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, RingMutexName().c_str()));
+        return m_view && m_size >= TarnLog::kRingHeaderSize && m_mutex;
+    }
+    bool IsOpen() const { return m_view && m_size >= TarnLog::kRingHeaderSize && m_mutex; }
+    uint8_t* Base() const { return static_cast<uint8_t*>(m_view.Get()); }
+    size_t Size() const { return m_size; }
+    HANDLE Mutex() const { return m_mutex.Get(); }
+
+private:
+    TarnBase::UniqueHandle m_mapping;
+    TarnBase::UniqueMappedView m_view;
+    TarnBase::UniqueHandle m_mutex;
+    size_t m_size = 0;
+};
+
+class RingReader {
+public:
+    RingReader() { m_view.Open(false); }
+    bool IsOpen() { return m_view.IsOpen() || m_view.Open(false); }
+
+    // The whole mapping as it was at one moment.
+    bool CopyBytes(std::vector<uint8_t>& bytes, DWORD lockTimeoutMs = 5000)
+    {
+        bytes.clear();
+        if (!IsOpen())
+            return false;
+        RingMutexHold hold(m_view.Mutex(), lockTimeoutMs);
+        if (!hold.Held())
+            return false;
+        bytes.assign(m_view.Base(), m_view.Base() + m_view.Size());
+        return true;
+    }
+
+    bool Snapshot(TarnLog::RingSnapshot& snapshot, std::string& error, DWORD lockTimeoutMs = 5000)
+    {
+        std::vector<uint8_t> bytes;
+        if (!CopyBytes(bytes, lockTimeoutMs)) {
+            error = "the log ring is not open or its mutex was not released";
+            return false;
+        }
+        return TarnLog::SnapshotRing(bytes.data(), bytes.size(), snapshot, error);
+    }
+
+    // The records of one process still in the ring, oldest first.
+    std::vector<TarnLog::LogRecord> RecordsOfProcess(DWORD processId)
+    {
+        std::vector<TarnLog::LogRecord> mine;
+        TarnLog::RingSnapshot snapshot;
+        std::string error;
+        if (Snapshot(snapshot, error))
+            for (const auto& record : snapshot.records)
+                if (record.processId == processId)
+                    mine.push_back(record);
+        return mine;
+    }
+
+    // The write counter, or 0 when the ring cannot be read.
+    uint32_t WriteCounter()
+    {
+        TarnLog::RingSnapshot snapshot;
+        std::string error;
+        return Snapshot(snapshot, error) ? snapshot.writeCounter : 0;
+    }
+
+    const RingView& View() const { return m_view; }
+
+private:
+    RingView m_view;
+};
+
+// A second, writable view of the ring: every change is made under the ring mutex, as a
+// reader process would make it.
+class RingHeaderEditor {
+public:
+    RingHeaderEditor() { m_view.Open(true); }
+    bool IsOpen() const { return m_view.IsOpen(); }
+
+    template <typename Change>
+    bool Edit(Change change, DWORD lockTimeoutMs = 5000)
+    {
+        if (!m_view.IsOpen())
+            return false;
+        RingMutexHold hold(m_view.Mutex(), lockTimeoutMs);
+        if (!hold.Held())
+            return false;
+        change(m_view.Base(), m_view.Size());
+        return true;
+    }
+
+    TarnLog::RingHeader Header()
+    {
+        TarnLog::RingHeader header{};
+        Edit([&](uint8_t* base, size_t) { std::memcpy(&header, base, sizeof header); });
+        return header;
+    }
+
+    // What every reader does after touching a slot: makes each writer reload.
+    bool BumpGeneration()
+    {
+        return Edit([](uint8_t* base, size_t) {
+            uint32_t generation = 0;
+            std::memcpy(&generation, base, 4);
+            ++generation;
+            std::memcpy(base, &generation, 4);
+        });
+    }
+
+    // Writes 40 raw slot bytes at slot `index` and bumps the generation.
+    bool WriteSlot(uint32_t index, const void* slotBytes)
+    {
+        return Edit([&](uint8_t* base, size_t) {
+                   std::memcpy(base + 12 + index * 40, slotBytes, 40);
+               }) &&
+               BumpGeneration();
+    }
+
+    bool PublishEvent(uint32_t index, const std::string& name)
+    {
+        uint8_t slot[40] = {};
+        std::memcpy(slot, name.data(), name.size() < 31 ? name.size() : 31);
+        slot[32] = 1;
+        return WriteSlot(index, slot);
+    }
+
+    bool ClearSlot(uint32_t index)
+    {
+        const uint8_t slot[40] = {};
+        return WriteSlot(index, slot);
+    }
+
+    const RingView& View() const { return m_view; }
+
+private:
+    RingView m_view;
+};
+
+} // namespace TarnTest
