@@ -3,6 +3,7 @@
 // Add a Traits struct for a new kind rather than writing another close path.
 
 #include <windows.h>
+#include <wininet.h>
 
 #include <utility>
 
@@ -100,5 +101,14 @@ struct LocalMemoryTraits {
     static void Close(Type h) { ::LocalFree(h); }
 };
 using UniqueLocal = UniqueResource<LocalMemoryTraits>;
+
+// InternetOpen, InternetOpenUrl: null means "none".
+struct InternetHandleTraits {
+    using Type = HINTERNET;
+    static Type Invalid() { return nullptr; }
+    static bool IsValid(Type h) { return h != nullptr; }
+    static void Close(Type h) { ::InternetCloseHandle(h); }
+};
+using UniqueInternetHandle = UniqueResource<InternetHandleTraits>;
 
 } // namespace TarnBase

@@ -1,0 +1,259 @@
+#include "TarnSM/win/TrustDataDownload.h"
+
+#include "TarnBase/win/Handle.h"
+#include "TarnMT/win/CriticalSection.h"
+#include "TarnSM/win/CTarnSM.h"
+#include "TarnSM/win/ScriptBoundary.h"
+#include "TarnSM/win/SiteCache.h"
+#include "TarnSM/win/VendorId.h"
+#include "TarnUtils/win/StringConvert.h"
+
+#include <objbase.h>
+#include <urlmon.h>
+
+#include <memory>
+
+namespace TarnSMX {
+namespace {
+
+using Microsoft::WRL::ComPtr;
+
+constexpr wchar_t kDefaultDataFileName[] = L"trust.dll";
+constexpr char kTimeoutKey[] = "Software\\Ostrum\\Kestrel\\Config\\TarnSM";
+constexpr char kTimeoutValue[] = "TrustedSiteDownloadTimeout";
+constexpr DWORD kDefaultTimeoutMs = 10000;
+constexpr DWORD kReadBufferSize = 1024;
+constexpr DWORD kUnknownStatus = 999;
+constexpr char kStatusSource[] = "TarnSM";
+
+struct CoTaskMemDeleter {
+    void operator()(wchar_t* p) const { ::CoTaskMemFree(p); }
+};
+using CoTaskString = std::unique_ptr<wchar_t, CoTaskMemDeleter>;
+
+// Text for a log record only: never throws, unmappable characters become '?'.
+std::string ForLog(const std::wstring& text)
+{
+    if (text.empty())
+        return std::string();
+    const int length = static_cast<int>(text.size());
+    const int needed = ::WideCharToMultiByte(CP_ACP, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
+    if (needed <= 0)
+        return std::string();
+    std::string narrow(static_cast<size_t>(needed), '\0');
+    ::WideCharToMultiByte(CP_ACP, 0, text.data(), length, &narrow[0], needed, nullptr, nullptr);
+    return narrow;
+}
+
+// A URL that only survives the ANSI code page with '?' in place of a character would name
+// another resource ('?' starts a query), so such a URL is refused rather than narrowed.
+bool ToAnsiExactly(const wchar_t* text, std::string& narrow)
+{
+    narrow.clear();
+    const int length = static_cast<int>(wcslen(text));
+    if (length == 0)
+        return true;
+    const UINT codePage = ::GetACP();
+    // UTF-7 and UTF-8 refuse the "default character used" report; they map every character.
+    const bool canLose = codePage != CP_UTF7 && codePage != CP_UTF8;
+    const DWORD flags = canLose ? WC_NO_BEST_FIT_CHARS : 0;
+    BOOL usedDefault = FALSE;
+    const int needed = ::WideCharToMultiByte(codePage, flags, text, length, nullptr, 0, nullptr,
+                                             canLose ? &usedDefault : nullptr);
+    if (needed <= 0 || usedDefault)
+        return false;
+    narrow.assign(static_cast<size_t>(needed), '\0');
+    return ::WideCharToMultiByte(codePage, flags, text, length, &narrow[0], needed, nullptr,
+                                 canLose ? &usedDefault : nullptr) == needed &&
+           !usedDefault;
+}
+
+// The page's data file map keeps the first control's name: a later control's property
+// does not displace it (only a scripted assignment does).
+void PublishWithoutOverwrite(const CTarnSM& control, const std::string& pageUrl)
+{
+    CacheTrustDataFileURL(control, pageUrl, false);
+}
+
+// The configured connect time-out. A vendor with its own configuration reads its own
+// value (and only that one); anything but a REG_DWORD means the default.
+DWORD DownloadTimeout()
+{
+    std::string keyPath = kTimeoutKey;
+    const std::string vendorId = GetVendorId();
+    if (!vendorId.empty() && IsValidVendorID(vendorId))
+        keyPath += "\\" + vendorId;
+
+    DWORD timeout = kDefaultTimeoutMs;
+    TarnBase::UniqueRegKey key;
+    if (::RegOpenKeyExA(HKEY_LOCAL_MACHINE, keyPath.c_str(), 0, KEY_READ, key.Put()) != ERROR_SUCCESS)
+        return timeout;
+    DWORD type = REG_NONE;
+    DWORD size = sizeof timeout;
+    const LONG status =
+        ::RegQueryValueExA(key.Get(), kTimeoutValue, nullptr, &type, reinterpret_cast<BYTE*>(&timeout), &size);
+    // After a failed read (a longer value) the buffer's contents are undefined.
+    if (status != ERROR_SUCCESS || type != REG_DWORD)
+        timeout = kDefaultTimeoutMs;
+    return timeout;
+}
+
+} // namespace
+
+std::wstring GetTrustDataFileURL(CTarnSM& control, const std::string& pageUrl)
+{
+    // One lock for the choice and the publication, so two controls on a page agree.
+    TarnMT::AutoCriticalSection guard(&CacheLock());
+    if (BSTR property = control.TrustDataFileURL()) {
+        PublishWithoutOverwrite(control, pageUrl);
+        return std::wstring(property, ::SysStringLen(property));
+    }
+    std::wstring cached;
+    if (LookupTrustDataFileURL(pageUrl, cached)) {
+        TarnLog::Log(kControlClass, 3,
+                     "GetTrustDataFileURL: A control on our page has cached a value. Resorting to cached value: %s.",
+                     ForLog(cached).c_str());
+        return cached;
+    }
+    // Written into the property so that every later call publishes it for the page.
+    control.SetTrustDataFileURL(kDefaultDataFileName);
+    TarnLog::Log(kControlClass, 3,
+                 "GetTrustDataFileURL: TrustedSiteDataFileURL property not set. Resorting to default value: %s.",
+                 ForLog(kDefaultDataFileName).c_str());
+    BSTR property = control.TrustDataFileURL();
+    return std::wstring(property, ::SysStringLen(property));
+}
+
+std::string GetTrustedSiteDownloadURL(CTarnSM& control, const std::string& pageUrl)
+{
+    std::string downloadUrl;
+    ComPtr<IMoniker> base;
+    HRESULT hr = ::CreateURLMonikerEx(nullptr, TarnUtils::AnsiToWide(pageUrl).c_str(), &base, URL_MK_UNIFORM);
+    if (FAILED(hr) || !base) {
+        TarnLog::Log(kControlClass, 2,
+                     "GetTrustedSiteDownloadURL: Failed to create base URL moniker. HRESULT = <0x%08.8X>",
+                     static_cast<unsigned>(hr));
+        return downloadUrl;
+    }
+
+    const std::wstring fileName = GetTrustDataFileURL(control, pageUrl);
+
+    ComPtr<IMoniker> file;
+    hr = ::CreateURLMoniker(base.Get(), fileName.c_str(), &file);
+    if (FAILED(hr) || !file) {
+        TarnLog::Log(kControlClass, 2,
+                     "GetTrustedSiteDownloadURL: Failed to create URL moniker from base moniker. HRESULT = <0x%08.8X>",
+                     static_cast<unsigned>(hr));
+        return downloadUrl;
+    }
+
+    wchar_t* rawName = nullptr;
+    hr = file->GetDisplayName(nullptr, nullptr, &rawName);
+    const CoTaskString name(rawName);
+    if (FAILED(hr) || !name) {
+        TarnLog::Log(kControlClass, 2,
+                     "GetTrustedSiteDownloadURL: Failed to get string version of URL from moniker. HRESULT = <0x%08.8X>",
+                     static_cast<unsigned>(hr));
+        return downloadUrl;
+    }
+
+    if (!ToAnsiExactly(name.get(), downloadUrl)) {
+        TarnLog::Log(kControlClass, 2,
+                     "GetTrustedSiteDownloadURL: URL has characters outside the ANSI code page; not downloading: %s.",
+                     ForLog(name.get()).c_str());
+        downloadUrl.clear();
+        return downloadUrl;
+    }
+    TarnLog::Log(kControlClass, 3, "GetTrustedSiteDownloadURL: Successfully built URL: %s.", downloadUrl.c_str());
+    return downloadUrl;
+}
+
+bool GetHttpStatusCode(DWORD& status, HINTERNET request)
+{
+    status = kUnknownStatus;
+    try {
+        DWORD code = 0;
+        DWORD size = sizeof code;
+        if (::HttpQueryInfoA(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &code, &size, nullptr)) {
+            status = code;
+            return true;
+        }
+        TarnLog::Log(kControlClass, 1, "GetHttpStatusCode: Failed to call HttpQueryInfo, GetLastError: %u.",
+                     static_cast<unsigned>(::GetLastError()));
+    } catch (...) {
+        TarnLog::Log(kControlClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kStatusSource,
+                     __LINE__);
+    }
+    return false;
+}
+
+bool DownloadFile(const std::string& downloadUrl, const std::string& targetPath)
+{
+    DWORD timeout = DownloadTimeout();
+
+    // Declared in this order so that they close file first, then request, then session.
+    TarnBase::UniqueInternetHandle session(
+        ::InternetOpenA("TarnSM", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
+    if (!session) {
+        TarnLog::Log(kControlClass, 1, "DownloadFile: Failure calling InternetOpen. GetLastError: %u.",
+                     static_cast<unsigned>(::GetLastError()));
+        return false;
+    }
+
+    TarnLog::Log(kControlClass, 3, "DownloadFile: Calling InternetSetOption with a timeout value of: %u.",
+                 static_cast<unsigned>(timeout));
+    if (!::InternetSetOptionA(session.Get(), INTERNET_OPTION_CONNECT_TIMEOUT, &timeout, sizeof timeout))
+        TarnLog::Log(kControlClass, 1, "DownloadFile: Failure calling InternetSetOption. GetLastError: %u.",
+                     static_cast<unsigned>(::GetLastError()));
+
+    TarnBase::UniqueInternetHandle request(::InternetOpenUrlA(
+        session.Get(), downloadUrl.c_str(), nullptr, 0, INTERNET_FLAG_RESYNCHRONIZE | INTERNET_FLAG_NO_UI, 0));
+    if (!request) {
+        TarnLog::Log(kControlClass, 1, "DownloadFile: Failure calling InternetOpenUrl. GetLastError: %u.",
+                     static_cast<unsigned>(::GetLastError()));
+        return false;
+    }
+    // Only a later status failure reports it, but it has to be taken before any other call.
+    const DWORD openUrlError = ::GetLastError();
+
+    DWORD status = kUnknownStatus;
+    if (!GetHttpStatusCode(status, request.Get())) {
+        TarnLog::Log(kControlClass, 1,
+                     "DownloadFile: Failed to retrieve HTTP status code from download operation, assuming failure. InternetOpenUrl GetLastError: %u.",
+                     static_cast<unsigned>(openUrlError));
+        return false;
+    }
+    if (status != HTTP_STATUS_OK) {
+        TarnLog::Log(kControlClass, 1, "DownloadFile: Failed to download file. HTTP Status Code: %u.",
+                     static_cast<unsigned>(status));
+        return false;
+    }
+
+    TarnBase::UniqueFile file(::CreateFileA(targetPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                            FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) {
+        TarnLog::Log(kControlClass, 1,
+                     "DownloadFile: Failed to create our temporary file to receive the download data. GetLastError: %u.",
+                     static_cast<unsigned>(::GetLastError()));
+        return false;
+    }
+
+    char buffer[kReadBufferSize];
+    for (;;) {
+        DWORD read = 0;
+        // A failed read ends the download without a record of its own; the caller sees false.
+        if (!::InternetReadFile(request.Get(), buffer, sizeof buffer, &read))
+            return false;
+        if (read == 0)
+            return true;
+        DWORD written = 0;
+        if (!::WriteFile(file.Get(), buffer, read, &written, nullptr)) {
+            TarnLog::Log(kControlClass, 1,
+                         "DownloadFile: Failure occurred while writing downloaded data to temporary file. GetLastError: %u.",
+                         static_cast<unsigned>(::GetLastError()));
+            return false;
+        }
+    }
+}
+
+} // namespace TarnSMX

@@ -1,0 +1,213 @@
+// The data file download and site discovery against their floors, measured in one run:
+//   - DownloadFile of a 16 KiB file from the local web server on 127.0.0.1, a new session
+//     each time, against the bare WinINet calls it makes (open, set option, open URL,
+//     query status, read loop writing the file, close);
+//   - GetCurrentSiteURLAndZone of a sited control against the bare QueryService,
+//     get_LocationURL, QueryService and MapUrlToZone calls behind it.
+// The two sides alternate sample by sample (which goes first alternates too), and the
+// medians are compared.
+//   download_bench           full run, results as Markdown table rows
+//   download_bench --short   a few samples, for the test run (never fails on timing)
+
+#include "TarnSM/tests/win/DownloadTestSite.h"
+#include "TarnSM/tests/win/DownloadTestSupport.h"
+#include "TarnSM/win/TrustDataDownload.h"
+#include "TarnBase/win/Handle.h"
+#include "testing/support/TestServer.h"
+
+#include <windows.h>
+#include <wininet.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using DownloadTest::ComPtr;
+
+constexpr double kDownloadTarget = 1.15;
+constexpr double kDiscoveryTarget = 1.3;
+
+double NowUs()
+{
+    static const double frequency = [] {
+        LARGE_INTEGER f;
+        ::QueryPerformanceFrequency(&f);
+        return static_cast<double>(f.QuadPart);
+    }();
+    LARGE_INTEGER now;
+    ::QueryPerformanceCounter(&now);
+    return static_cast<double>(now.QuadPart) * 1e6 / frequency;
+}
+
+double Median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    const size_t n = values.size();
+    return n == 0 ? 0 : (n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2);
+}
+
+// The download as the bare platform calls, with no configuration read and no records.
+bool BareDownload(const std::string& url, const std::string& target)
+{
+    TarnBase::UniqueInternetHandle session(::InternetOpenA("TarnSM", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
+    if (!session)
+        return false;
+    DWORD timeout = 10000;
+    ::InternetSetOptionA(session.Get(), INTERNET_OPTION_CONNECT_TIMEOUT, &timeout, sizeof timeout);
+    TarnBase::UniqueInternetHandle request(::InternetOpenUrlA(session.Get(), url.c_str(), nullptr, 0,
+                                                              INTERNET_FLAG_RESYNCHRONIZE | INTERNET_FLAG_NO_UI, 0));
+    if (!request)
+        return false;
+    DWORD status = 0, size = sizeof status;
+    if (!::HttpQueryInfoA(request.Get(), HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status, &size, nullptr) ||
+        status != 200)
+        return false;
+    TarnBase::UniqueFile file(
+        ::CreateFileA(target.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file)
+        return false;
+    char buffer[1024];
+    for (;;) {
+        DWORD read = 0;
+        if (!::InternetReadFile(request.Get(), buffer, sizeof buffer, &read))
+            return false;
+        if (read == 0)
+            return true;
+        DWORD written = 0;
+        if (!::WriteFile(file.Get(), buffer, read, &written, nullptr))
+            return false;
+    }
+}
+
+// What GetCurrentSiteURLAndZone asks the site, as bare calls.
+bool BareDiscovery(IServiceProvider* provider, DWORD& zone)
+{
+    ComPtr<IWebBrowser2> browser;
+    if (FAILED(provider->QueryService(SID_SWebBrowserApp, IID_PPV_ARGS(&browser))))
+        return false;
+    BSTR location = nullptr;
+    if (FAILED(browser->get_LocationURL(&location)))
+        return false;
+    ComPtr<IInternetSecurityManager> manager;
+    HRESULT hr = provider->QueryService(IID_IInternetSecurityManager, IID_PPV_ARGS(&manager));
+    if (SUCCEEDED(hr))
+        hr = manager->MapUrlToZone(location, &zone, 0);
+    ::SysFreeString(location);
+    return SUCCEEDED(hr);
+}
+
+struct Comparison {
+    std::vector<double> ours;
+    std::vector<double> floor;
+    bool ok = true;
+};
+
+// One sample of each side per round; the side that goes first alternates.
+Comparison Alternate(int rounds, const std::function<bool()>& ours, const std::function<bool()>& floor)
+{
+    Comparison result;
+    for (int round = 0; round < rounds && result.ok; ++round) {
+        for (int side = 0; side < 2; ++side) {
+            const bool oursNow = (side == 0) == (round % 2 == 0);
+            const double start = NowUs();
+            const bool ok = oursNow ? ours() : floor();
+            const double elapsed = NowUs() - start;
+            result.ok = result.ok && ok;
+            (oursNow ? result.ours : result.floor).push_back(elapsed);
+        }
+    }
+    return result;
+}
+
+void PrintRow(const char* operation, const char* unit, double ours, double floor, double target)
+{
+    const double ratio = ours / floor;
+    std::printf("| %s | %.1f us/%s | %.1f us/%s | %.2fx | <= %.2fx%s |\n", operation, ours, unit, floor, unit, ratio,
+                target, ratio <= target ? "" : " (missed)");
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const bool shortRun = argc > 1 && std::strcmp(argv[1], "--short") == 0;
+    const int downloadRounds = shortRun ? 10 : 300;
+    const int discoveryRounds = shortRun ? 10 : 200;
+    const int discoveryBatch = shortRun ? 10 : 100;
+
+    DownloadTest::ComApartment apartment;
+    DownloadTest::TempDir root(L"bench-www");
+    DownloadTest::TempDir scratch(L"bench-out");
+    const std::string body = [] {
+        std::string bytes(16 * 1024, '\0');
+        for (size_t i = 0; i < bytes.size(); ++i)
+            bytes[i] = static_cast<char>((i * 131 + 7) & 0xFF);
+        return bytes;
+    }();
+    if (!root.Put(L"trust.dll", body)) {
+        std::fprintf(stderr, "download_bench: cannot write the served file\n");
+        return 1;
+    }
+    TarnTest::TestServer server(TarnTest::UnixPathOf(root.Path()));
+    if (!server.Running()) {
+        std::fprintf(stderr, "download_bench: local web server: %s\n", server.Error().c_str());
+        return 1;
+    }
+    const std::string url = server.Url("/trust.dll");
+    const std::string oursTarget = DownloadTest::Narrow(scratch / L"ours.tmp");
+    const std::string floorTarget = DownloadTest::Narrow(scratch / L"floor.tmp");
+
+    const Comparison download = Alternate(
+        downloadRounds, [&] { return TarnSMX::DownloadFile(url, oursTarget); },
+        [&] { return BareDownload(url, floorTarget); });
+    std::string check;
+    if (!download.ok || !DownloadTest::ReadBytes(scratch / L"ours.tmp", check) || check != body) {
+        std::fprintf(stderr, "download_bench: a download failed\n");
+        return 1;
+    }
+
+    auto site = DownloadTest::TestPageSite::Create(L"http://www.tarn-bench.example/dir/page.html", true);
+    auto control = DownloadTest::NewControl();
+    control->SetSite(site->Unknown());
+    ComPtr<IServiceProvider> provider;
+    site.As(&provider);
+    const Comparison discovery = Alternate(
+        discoveryRounds,
+        [&] {
+            bool ok = true;
+            for (int i = 0; i < discoveryBatch; ++i) {
+                std::string pageUrl;
+                DWORD zone = 0;
+                ok = control->GetCurrentSiteURLAndZone(pageUrl, zone) && zone == 3 && ok;
+            }
+            return ok;
+        },
+        [&] {
+            bool ok = true;
+            for (int i = 0; i < discoveryBatch; ++i) {
+                DWORD zone = 0;
+                ok = BareDiscovery(provider.Get(), zone) && zone == 3 && ok;
+            }
+            return ok;
+        });
+    control->SetSite(nullptr);
+    if (!discovery.ok) {
+        std::fprintf(stderr, "download_bench: site discovery failed\n");
+        return 1;
+    }
+
+    std::printf("download_bench%s: %d downloads of 16 KiB each side, %d x %d site discoveries each side, medians\n",
+                shortRun ? " --short" : "", downloadRounds, discoveryRounds, discoveryBatch);
+    std::printf("| operation | ours | floor | ratio | target |\n");
+    std::printf("|---|---|---|---|---|\n");
+    PrintRow("DownloadFile, 16 KiB from 127.0.0.1, cold", "download", Median(download.ours), Median(download.floor),
+             kDownloadTarget);
+    PrintRow("GetCurrentSiteURLAndZone, sited control", "call", Median(discovery.ours) / discoveryBatch,
+             Median(discovery.floor) / discoveryBatch, kDiscoveryTarget);
+    return 0;
+}
