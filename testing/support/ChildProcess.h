@@ -16,6 +16,7 @@ struct ChildResult {
     bool started = false;
     bool timedOut = false;
     DWORD exitCode = 0;
+    DWORD processId = 0;
     std::string out;
     std::string err;
 };
@@ -98,6 +99,7 @@ inline ChildResult RunChild(const std::vector<std::wstring>& args, DWORD timeout
     if (!::CreateProcessW(nullptr, &commandLine[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info))
         return result;
     result.started = true;
+    result.processId = info.dwProcessId;
     TarnBase::UniqueHandle process(info.hProcess), thread(info.hThread);
     outWrite.Reset();
     errWrite.Reset();
