@@ -60,7 +60,13 @@ bool CTarnSM::GetCurrentSiteURLAndZone(std::string& url, DWORD& zone)
                      static_cast<unsigned>(hr));
         return false;
     }
-    url = TarnUtils::BstrToAnsi(location.Get());
+    try {
+        url = TarnUtils::BstrToAnsi(location.Get());
+    } catch (const TarnBase::StringConversionException&) {
+        TarnLog::Log(kControlClass, 2,
+                     "GetCurrentSiteURLAndZone: Location URL has characters outside the ANSI code page. Site is not used.");
+        return false;
+    }
     TarnLog::Log(kControlClass, 4, "GetCurrentSiteURLAndZone: Found current IE site URL: %s.", url.c_str());
 
     ComPtr<IInternetSecurityManager> securityManager;

@@ -17,11 +17,18 @@ std::string WideToAnsi(const wchar_t* text, size_t length)
     if (length > INT_MAX)
         TARN_THROW(kClass, kSource, TarnBase::StringConversionException);
     const int wideLength = static_cast<int>(length);
-    const int needed = ::WideCharToMultiByte(CP_ACP, 0, text, wideLength, nullptr, 0, nullptr, nullptr);
-    if (needed <= 0)
+    // A character the code page cannot hold would otherwise become "?" or a look-alike,
+    // quietly turning one URL or path into another; refuse the conversion instead.
+    const bool utf8 = ::GetACP() == CP_UTF8;
+    const DWORD flags = utf8 ? 0 : WC_NO_BEST_FIT_CHARS;
+    BOOL usedDefault = FALSE;
+    BOOL* usedDefaultOut = utf8 ? nullptr : &usedDefault;
+    const int needed = ::WideCharToMultiByte(CP_ACP, flags, text, wideLength, nullptr, 0, nullptr, usedDefaultOut);
+    if (needed <= 0 || usedDefault)
         TARN_THROW(kClass, kSource, TarnBase::StringConversionException);
     std::string result(static_cast<size_t>(needed), '\0');
-    if (::WideCharToMultiByte(CP_ACP, 0, text, wideLength, &result[0], needed, nullptr, nullptr) != needed)
+    if (::WideCharToMultiByte(CP_ACP, flags, text, wideLength, &result[0], needed, nullptr, usedDefaultOut) != needed ||
+        usedDefault)
         TARN_THROW(kClass, kSource, TarnBase::StringConversionException);
     return result;
 }

@@ -319,23 +319,21 @@ TEST_SUITE("data file location")
         }
     }
 
-    TEST_CASE("a page URL outside the ANSI code page: no crash, and no download from the page's directory")
+    TEST_CASE("a page URL outside the ANSI code page is refused, never narrowed into another URL")
     {
+        // Narrowed, "/dir\u4e2d/page.html" would read "/dir?/page.html": a query, and the data
+        // file would then come from the server's root instead of the page's directory.
         REQUIRE(Web::Instance().Running());
         ComApartment apartment;
         Page page(Web::Instance().Url("/dir/page.html"));
         page.site = TestPageSite::Create(Wide(Web::Instance().Url("/dir")) + L"\u4e2d/page.html");
         auto control = SitedControl(page);
         TarnTest::LogCapture capture;
-        const std::string pageUrl = PageUrlOf(control);
-        const std::string url = TarnSMX::GetTrustedSiteDownloadURL(*control.Get(), pageUrl);
-        if (url.empty()) {
-            CHECK(capture.HasSubstring("GetTrustedSiteDownloadURL: "));
-        } else {
-            TempDir scratch(L"loc");
-            CHECK_FALSE(TarnSMX::DownloadFile(url, Narrow(scratch / L"x.tmp")));
-            CHECK(capture.Has("DownloadFile: Failed to download file. HTTP Status Code: 404.", 1));
-        }
+        std::string url;
+        DWORD zone = 0;
+        CHECK_FALSE(control->GetCurrentSiteURLAndZone(url, zone));
+        CHECK(capture.Has("GetCurrentSiteURLAndZone: Location URL has characters outside the ANSI code page. Site is not used.", 2));
+        CHECK(url.empty());
     }
 
     TEST_CASE("a page URL longer than the 2086-character parse buffers resolves in full")
