@@ -1,0 +1,407 @@
+#include "TarnSys/win/DynamicProcessTrust.h"
+
+#include "TarnBase/KernelObjectName.h"
+#include "TarnBase/Throw.h"
+#include "TarnLog/Log.h"
+#include "TarnSys/TrustTable.h"
+#include "TarnUtils/win/CryptoUtils.h"
+
+#include <cstring>
+
+namespace TarnSys {
+
+const char kTableMutexName[] = "TarnSys::DynamicProcessTrust::Mutex::2.0";
+const char kTableMappingName[] = "TarnSys::DynamicProcessTrust::MemMap::2.0";
+
+namespace {
+
+const char kClass[] = "DynamicProcessTrust";
+const char kSource[] = "DynamicProcessTrust";
+
+static_assert(sizeof(wchar_t) == sizeof(char16_t), "wide strings are UTF-16 on this platform");
+
+std::u16string ToU16(const std::wstring& text)
+{
+    return std::u16string(text.begin(), text.end());
+}
+
+std::wstring ToWide(const std::u16string& text)
+{
+    return std::wstring(text.begin(), text.end());
+}
+
+// Identifiers and paths come from other processes; log them without trusting them to be
+// convertible.
+std::string LogText(const std::wstring& text)
+{
+    return ToNarrowForLog(ToU16(text));
+}
+
+bool IsNtPlatform()
+{
+    return TarnBase::CurrentOsVersion().platformId == VER_PLATFORM_WIN32_NT;
+}
+
+bool IsDecimal(const std::wstring& text)
+{
+    if (text.empty())
+        return false;
+    for (wchar_t c : text)
+        if (c < L'0' || c > L'9')
+            return false;
+    return true;
+}
+
+// The encrypted form of `path` as the table stores it (the part before the first zero
+// unit), or false when it cannot be encrypted.
+bool StoredFormOf(const std::wstring& path, std::wstring& stored)
+{
+    TarnUtils::CryptoUtils crypto;
+    stored = path;
+    if (!crypto.EncryptString(stored))
+        return false;
+    stored = ToWide(UpToZero(ToU16(stored)));
+    return true;
+}
+
+} // namespace
+
+bool IsCurrentProcessWow64()
+{
+    // A process never changes its kind: ask once.
+    static const bool wow64 = [] {
+        using IsWow64ProcessFn = BOOL(WINAPI*)(HANDLE, PBOOL);
+        // Looked up rather than linked: systems before XP SP2 do not have it, and there
+        // the answer is "no".
+        const HMODULE kernel = ::GetModuleHandleA("kernel32.dll");
+        const auto isWow64Process =
+            kernel ? reinterpret_cast<IsWow64ProcessFn>(::GetProcAddress(kernel, "IsWow64Process")) : nullptr;
+        BOOL answer = FALSE;
+        return isWow64Process != nullptr && isWow64Process(::GetCurrentProcess(), &answer) && answer;
+    }();
+    return wow64;
+}
+
+DynamicProcessTrust::DynamicProcessTrust()
+{
+    try {
+        if (IsNtPlatform())
+            m_securityAttributes = TarnMT::SecurityAttributes::Everyone();
+        m_mutex.Config(TarnBase::MakeKernelObjectName(kTableMutexName, true), m_securityAttributes.Get());
+        if (m_mutex.GetHandle() == nullptr)
+            throw TarnBase::Win32ErrorException(kSource, __LINE__);
+        m_wow64 = IsCurrentProcessWow64();
+        m_valid = true;
+    } catch (const TarnBase::BaseException&) {
+        TarnLog::Log(kClass, 1, "%s():  Failed to construct properly.", "DynamicProcessTrust");
+    } catch (...) {
+        TarnLog::Log(kClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kSource, __LINE__);
+    }
+}
+
+DynamicProcessTrust::~DynamicProcessTrust()
+{
+    m_view.Reset();
+    m_mapping.Reset();
+}
+
+bool DynamicProcessTrust::Initialize()
+{
+    if (!m_valid) {
+        TarnLog::Log(kClass, 1, "Initialize(): Error - Object is invalid.");
+        TARN_THROW(kClass, kSource, TarnBase::InvalidObjectException);
+    }
+    TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
+    return InitializeHeld();
+}
+
+bool DynamicProcessTrust::InitializeHeld()
+{
+    if (m_initialized)
+        return true;
+    m_initialized = InitMemoryMap();
+    return m_initialized;
+}
+
+bool DynamicProcessTrust::InitMemoryMap()
+{
+    const std::string name = TarnBase::MakeKernelObjectName(kTableMappingName, false);
+    SECURITY_ATTRIBUTES* attributes = IsNtPlatform() ? m_securityAttributes.Get() : nullptr;
+
+    HRESULT result = S_OK;
+    bool existed = false;
+    TarnBase::UniqueHandle mapping(::CreateFileMappingA(INVALID_HANDLE_VALUE, attributes, PAGE_READWRITE, 0,
+                                                        static_cast<DWORD>(kTableBytes), name.c_str()));
+    TarnBase::UniqueMappedView view;
+    if (!mapping) {
+        result = HRESULT_FROM_WIN32(::GetLastError());
+    } else {
+        existed = ::GetLastError() == ERROR_ALREADY_EXISTS;
+        view.Reset(::MapViewOfFile(mapping.Get(), m_access, 0, 0, kTableBytes));
+        if (!view) {
+            result = HRESULT_FROM_WIN32(::GetLastError());
+            mapping.Reset();
+        } else {
+            // A mapping of this name made smaller by another process must not let a look-up
+            // read past its end.
+            MEMORY_BASIC_INFORMATION region{};
+            if (::VirtualQuery(view.Get(), &region, sizeof region) != sizeof region || region.RegionSize < kTableBytes) {
+                result = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
+                view.Reset();
+                mapping.Reset();
+            }
+        }
+    }
+    if (FAILED(result)) {
+        TarnLog::Log(kClass, 1, "InitMemoryMap():  Failed to create/open shared memory. HRESULT = <0x%X>",
+                     static_cast<unsigned>(result));
+        return false;
+    }
+
+    m_mapping = std::move(mapping);
+    m_view = std::move(view);
+    m_mapSize = kTableBytes;
+    m_createdTable = !existed;
+    if (!existed) {
+        std::memset(m_view.Get(), 0, kTableBytes);
+        TarnLog::Log(kClass, 3, "InitMemoryMap():  Successfully created shared memory with size = %u.",
+                     static_cast<unsigned>(kTableBytes));
+    } else {
+        TarnLog::Log(kClass, 3, "InitMemoryMap():  Successfully opened shared memory with size = %u.",
+                     static_cast<unsigned>(kTableBytes));
+    }
+    return true;
+}
+
+bool DynamicProcessTrust::FindProcess(const std::wstring& pid, uint32_t& index, std::wstring& appPath)
+{
+    if (!m_valid) {
+        TarnLog::Log(kClass, 1, "FindProcess(): Error - Object is invalid.");
+        TARN_THROW(kClass, kSource, TarnBase::InvalidObjectException);
+    }
+    index = 0;
+    appPath.clear();
+    if (pid.size() + 2 > kPidFieldUnits) {
+        TarnLog::Log(kClass, 2, "FindProcess():  PID parameter string is too long. Invalid arg. Cannot find process.");
+        return false;
+    }
+    const std::string pidText = LogText(pid);
+    const auto found = m_view ? FindEntry(Table(), m_mapSize, ToU16(pid)) : std::nullopt;
+    if (!found) {
+        TarnLog::Log(kClass, 3, "FindProcess():  Failed to find specified process in list , PID = %s.", pidText.c_str());
+        return false;
+    }
+    const auto entry = ReadEntry(Table(), m_mapSize, *found);
+    TarnLog::Log(kClass, 3, "FindProcess():  Successfully found process within list, PID = %s.", pidText.c_str());
+    appPath = entry ? ToWide(entry->path) : std::wstring();
+    index = static_cast<uint32_t>(*found);
+    return true;
+}
+
+bool DynamicProcessTrust::IsTrustedProcess(const std::wstring& pid, const std::wstring& appPath)
+{
+    if (!m_valid) {
+        TarnLog::Log(kClass, 1, "IsTrustedProcess(): Error - Object is invalid.");
+        TARN_THROW(kClass, kSource, TarnBase::InvalidObjectException);
+    }
+    const std::string pidText = LogText(pid);
+    try {
+        TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
+        if (!InitializeHeld()) {
+            TarnLog::Log(kClass, 1, "IsTrustedProcess():  Failed to intialize shared memory.");
+            return false;
+        }
+        uint32_t index = 0;
+        std::wstring storedPath;
+        if (!FindProcess(pid, index, storedPath)) {
+            TarnLog::Log(kClass, 3, "IsTrustedProcess():  Specified process is not currently trusted, PID = %s.",
+                         pidText.c_str());
+            return false;
+        }
+        TarnUtils::CryptoUtils crypto;
+        if (!crypto.DecryptString(storedPath)) {
+            TarnLog::Log(kClass, 1,
+                         "IsTrustedProcess():  Failed to decrypt full path param. Cannot determine trust for process with PID = %s.",
+                         pidText.c_str());
+            return false;
+        }
+        const std::u16string stored = ToU16(storedPath);
+        const std::u16string reader = ToU16(appPath);
+        bool trusted = EqualsNoCase(stored, reader);
+        if (!trusted) {
+            if (const auto seen = StoredPathAsSeenUnderWow64(stored, m_wow64)) {
+                const std::wstring seenWide = ToWide(*seen);
+                TarnLog::Log(kClass, 3, "IsTrustedProcess():  Using trusted app path [%S] under WOW64 to determine trust.",
+                             seenWide.c_str());
+                trusted = EqualsNoCase(*seen, reader);
+            }
+        }
+        TarnLog::Log(kClass, 3,
+                     trusted ? "IsTrustedProcess():  Process with PID = %s is trusted."
+                             : "IsTrustedProcess():  Process with PID = %s is not trusted.",
+                     pidText.c_str());
+        return trusted;
+    } catch (const TarnBase::BaseException& e) {
+        TarnLog::Log(kClass, 1, "IsTrustedProcess():  Exception - %S.", e.GetErrorId().c_str());
+    } catch (HRESULT result) {
+        TarnLog::Log(kClass, 1, "IsTrustedProcess():  Exception - HRESULT = <0x%08.8X>", static_cast<unsigned>(result));
+    } catch (...) {
+        TarnLog::Log(kClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kSource, __LINE__);
+    }
+    return false;
+}
+
+bool DynamicProcessTrust::ClearTrustedProcess(const std::wstring& pid, const std::wstring& appPath)
+{
+    if (!m_valid) {
+        TarnLog::Log(kClass, 1, "ClearTrustedProcess(): Error - Object is invalid.");
+        TARN_THROW(kClass, kSource, TarnBase::InvalidObjectException);
+    }
+    const std::string pidText = LogText(pid);
+    try {
+        TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
+        if (!InitializeHeld()) {
+            TarnLog::Log(kClass, 1, "ClearTrustedProcess():  Failed to intialize shared memory.");
+            return false;
+        }
+        uint32_t index = 0;
+        std::wstring storedPath;
+        if (!FindProcess(pid, index, storedPath)) {
+            TarnLog::Log(kClass, 2, "ClearTrustedProcess():  Failed to find trusted process with PID = %s. Cannot clear.",
+                         pidText.c_str());
+            return false;
+        }
+        std::wstring encrypted;
+        if (!StoredFormOf(appPath, encrypted)) {
+            TarnLog::Log(kClass, 1,
+                         "ClearTrustedProcess():  Failed to encrypt full path param. Cannot clear process with PID = %s.",
+                         pidText.c_str());
+            return false;
+        }
+        const std::u16string stored = ToU16(storedPath);
+        bool match = EqualsNoCase(ToU16(encrypted), stored);
+        if (!match) {
+            if (const auto written = ReaderPathAsWrittenUnderWow64(ToU16(appPath), m_wow64)) {
+                const std::wstring writtenWide = ToWide(*written);
+                TarnLog::Log(kClass, 3,
+                             "ClearTrustedProcess():  Using full app path [%S] under WOW64 to match dynamically trusted process.",
+                             writtenWide.c_str());
+                if (!StoredFormOf(writtenWide, encrypted)) {
+                    TarnLog::Log(kClass, 1,
+                                 "ClearTrustedProcess():  Failed to encrypt full path param. Cannot clear process with PID = %s.",
+                                 pidText.c_str());
+                    return false;
+                }
+                match = EqualsNoCase(ToU16(encrypted), stored);
+            }
+        }
+        if (!match) {
+            // Encrypted forms of paths that differ only in letter case differ; the query
+            // found such a path trusted, so its grant must be consumed all the same.
+            TarnUtils::CryptoUtils crypto;
+            std::wstring decrypted = storedPath;
+            if (crypto.DecryptString(decrypted) && PathsMatchForQuery(ToU16(decrypted), ToU16(appPath), m_wow64)) {
+                TarnLog::Log(kClass, 3,
+                             "ClearTrustedProcess():  App paths match without regard to case. Clearing process with PID = %s.",
+                             pidText.c_str());
+                match = true;
+            }
+        }
+        if (!match) {
+            TarnLog::Log(kClass, 1,
+                         "ClearTrustedProcess():  Found PID, but app paths do not match. Cannot clear process with PID = %s.",
+                         pidText.c_str());
+            return false;
+        }
+        WriteEntry(Table(), m_mapSize, index, std::vector<uint8_t>(kTableEntryBytes, 0));
+        TarnLog::Log(kClass, 3, "ClearTrustedProcess():  Successfully cleared process with PID = %s.", pidText.c_str());
+        return true;
+    } catch (const TarnBase::BaseException& e) {
+        TarnLog::Log(kClass, 1, "ClearTrustedProcess():  Exception - %S.", e.GetErrorId().c_str());
+    } catch (HRESULT result) {
+        TarnLog::Log(kClass, 1, "ClearTrustedProcess():  Exception - HRESULT = <0x%08.8X>", static_cast<unsigned>(result));
+    } catch (...) {
+        TarnLog::Log(kClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kSource, __LINE__);
+    }
+    return false;
+}
+
+GrantResult DynamicProcessTrust::GrantProcess(const std::wstring& pid, const std::wstring& appPath, uint32_t* index)
+{
+    if (!m_valid) {
+        TarnLog::Log(kClass, 1, "GrantProcess(): Error - Object is invalid.");
+        TARN_THROW(kClass, kSource, TarnBase::InvalidObjectException);
+    }
+    if (!IsDecimal(pid) || pid.size() > kMaxLookupPidUnits)
+        return GrantResult::InvalidPid;
+    if (appPath.size() > kMaxStoredPathUnits)
+        return GrantResult::PathTooLong;
+    std::wstring stored;
+    if (appPath.empty() || !StoredFormOf(appPath, stored) || stored.size() != appPath.size())
+        return GrantResult::PathNotStorable;
+    const auto entry = EncodeEntry(ToU16(pid), ToU16(stored));
+    if (!entry)
+        return GrantResult::PathNotStorable;
+
+    TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
+    if (!InitializeHeld())
+        return GrantResult::Unavailable;
+    // One entry per process: a second one would be shadowed by the first and outlive it.
+    auto slot = FindEntry(Table(), m_mapSize, ToU16(pid));
+    const bool replacing = slot.has_value();
+    if (!slot)
+        slot = FirstFreeEntry(Table(), m_mapSize);
+    if (!slot)
+        return GrantResult::TableFull;
+    WriteEntry(Table(), m_mapSize, *slot, *entry);
+    if (index != nullptr)
+        *index = static_cast<uint32_t>(*slot);
+    TarnLog::Log(kClass, 3, "GrantProcess():  Granted dynamic trust to process with PID = %s in entry %u.",
+                 LogText(pid).c_str(), static_cast<unsigned>(*slot));
+    return replacing ? GrantResult::Replaced : GrantResult::Granted;
+}
+
+size_t DynamicProcessTrust::RevokeProcess(const std::wstring& pid)
+{
+    if (!m_valid) {
+        TarnLog::Log(kClass, 1, "RevokeProcess(): Error - Object is invalid.");
+        TARN_THROW(kClass, kSource, TarnBase::InvalidObjectException);
+    }
+    const std::u16string wanted = UpToZero(ToU16(pid));
+    if (wanted.empty() || wanted.size() > kMaxLookupPidUnits)
+        return 0;
+    TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
+    if (!InitializeHeld())
+        return 0;
+    size_t removed = 0;
+    for (size_t i = 0; i < kTableEntryCount; ++i) {
+        const auto entry = ReadEntry(Table(), m_mapSize, i);
+        if (entry && !entry->IsFree() && EqualsNoCase(entry->pid, wanted)) {
+            WriteEntry(Table(), m_mapSize, i, std::vector<uint8_t>(kTableEntryBytes, 0));
+            ++removed;
+        }
+    }
+    if (removed > 0)
+        TarnLog::Log(kClass, 3, "RevokeProcess():  Revoked dynamic trust of process with PID = %s.", LogText(pid).c_str());
+    return removed;
+}
+
+std::vector<TrustedProcessEntry> DynamicProcessTrust::ListProcesses()
+{
+    if (!m_valid) {
+        TarnLog::Log(kClass, 1, "ListProcesses(): Error - Object is invalid.");
+        TARN_THROW(kClass, kSource, TarnBase::InvalidObjectException);
+    }
+    std::vector<TrustedProcessEntry> entries;
+    TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
+    if (!InitializeHeld())
+        return entries;
+    for (size_t i = 0; i < kTableEntryCount; ++i) {
+        const auto entry = ReadEntry(Table(), m_mapSize, i);
+        if (entry && !entry->IsFree())
+            entries.push_back({static_cast<uint32_t>(i), ToWide(entry->pid), ToWide(entry->path)});
+    }
+    return entries;
+}
+
+} // namespace TarnSys

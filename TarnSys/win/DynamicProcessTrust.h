@@ -1,0 +1,99 @@
+#pragma once
+// The machine-wide table of dynamically trusted processes: a named mutex and a named
+// page-file mapping laid out as in TarnSys/TrustTable.h. A launcher of the product's own
+// applications grants a running process one-time container trust by writing its process
+// identifier and encrypted executable path; the control looks its own process up and
+// consumes the grant.
+//
+// Every local process can open the table, so the names, the layout and the encryption are
+// a contract with other programs: change none of them.
+
+#include "TarnBase/NoCopySemantics.h"
+#include "TarnBase/win/Handle.h"
+#include "TarnMT/win/Mutex.h"
+#include "TarnMT/win/SecurityAttributes.h"
+
+#include <windows.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace TarnSys {
+
+extern const char kTableMutexName[];    // before the namespace prefix ("Global\")
+extern const char kTableMappingName[];  // before the namespace prefix ("Local\")
+
+// Longest wait for the table's mutex. Any local process may hold it; a host must never
+// hang on it, so a wait this long ends in "not trusted".
+constexpr DWORD kTableLockTimeoutMs = 3000;
+
+// Whether this process is a 32-bit process on a 64-bit system.
+bool IsCurrentProcessWow64();
+
+enum class GrantResult {
+    Granted,          // written into the first free entry
+    Replaced,         // the identifier already had an entry; its path was replaced
+    TableFull,        // all 15 entries are taken
+    InvalidPid,       // empty, not decimal, or longer than a look-up accepts
+    PathTooLong,      // more than the path field holds
+    PathNotStorable,  // empty, or its encrypted form holds a zero unit (it would never match)
+    Unavailable,      // the shared memory could not be created or mapped
+};
+
+struct TrustedProcessEntry {
+    uint32_t index = 0;
+    std::wstring pid;
+    std::wstring storedPath;  // encrypted form, up to its first zero unit
+};
+
+class DynamicProcessTrust : public TarnBase::NoCopySemantics {
+public:
+    DynamicProcessTrust();
+    ~DynamicProcessTrust();
+
+    bool IsValid() const { return m_valid; }
+
+    // Maps the shared memory once per object; false (and a later retry) when it cannot.
+    bool Initialize();
+
+    // Caller holds the mutex and has initialised the object. On success `index` is the
+    // entry and `appPath` its stored (encrypted) path.
+    bool FindProcess(const std::wstring& pid, uint32_t& index, std::wstring& appPath);
+
+    // Whether `pid` with executable `appPath` holds a grant right now.
+    bool IsTrustedProcess(const std::wstring& pid, const std::wstring& appPath);
+
+    // Removes the grant of `pid` when its stored path is `appPath`.
+    bool ClearTrustedProcess(const std::wstring& pid, const std::wstring& appPath);
+
+    // Writer side, for the tools that grant trust. Throw InvalidObjectException on an
+    // invalid object and AutoLockTimeoutException when the mutex stays held elsewhere.
+    GrantResult GrantProcess(const std::wstring& pid, const std::wstring& appPath, uint32_t* index = nullptr);
+    size_t RevokeProcess(const std::wstring& pid);  // entries removed
+    std::vector<TrustedProcessEntry> ListProcesses();
+
+    // True when this object's Initialize created the shared memory (no other process held
+    // it): the table then lives only as long as this object keeps it open.
+    bool CreatedTable() const { return m_createdTable; }
+
+    TarnMT::Mutex& TableMutex() { return m_mutex; }
+
+private:
+    bool InitMemoryMap();
+    bool InitializeHeld();  // Initialize for callers that already hold the mutex
+    uint8_t* Table() const { return static_cast<uint8_t*>(m_view.Get()); }
+
+    TarnMT::SecurityAttributes m_securityAttributes;
+    TarnMT::Mutex m_mutex;
+    TarnBase::UniqueMappedView m_view;
+    size_t m_mapSize = 0;
+    TarnBase::UniqueHandle m_mapping;
+    DWORD m_access = FILE_MAP_ALL_ACCESS;
+    bool m_initialized = false;
+    bool m_valid = false;
+    bool m_createdTable = false;
+    bool m_wow64 = false;
+};
+
+} // namespace TarnSys

@@ -1,0 +1,145 @@
+// String encryption of the trusted-process table, checked against stored forms computed
+// independently (MD5 of the secret, first 5 bytes plus 11 zero bytes as the RC4 key).
+#include "TarnUtils/win/CryptoUtils.h"
+
+#include "LogCapture.h"
+
+#include <doctest.h>
+
+#include <string>
+
+using TarnUtils::CryptoUtils;
+
+namespace {
+
+std::wstring FromHexUnits(const std::string& hex)
+{
+    std::wstring units;
+    for (size_t i = 0; i + 4 <= hex.size(); i += 4) {
+        const unsigned low = static_cast<unsigned>(std::stoul(hex.substr(i, 2), nullptr, 16));
+        const unsigned high = static_cast<unsigned>(std::stoul(hex.substr(i + 2, 2), nullptr, 16));
+        units.push_back(static_cast<wchar_t>(low | (high << 8)));
+    }
+    return units;
+}
+
+std::wstring Stored(const std::wstring& encrypted)
+{
+    return encrypted.substr(0, encrypted.find(L'\0'));
+}
+
+const wchar_t kPath[] = L"C:\\Windows\\system32\\mshta.exe";
+const char kPathStored[] =
+    "15e2be02146e3de773f4bec3397f871308835f56eae75863562ab728f4a3c0999f5c257706492e10271512fa81552703a66ed3a01fbfbe4bb3e7";
+const wchar_t kUnicodePath[] = L"C:\\Users\\J\u00f6rg\\\u4e2d\u6587\\host.exe";
+const char kUnicodeStored[] =
+    "15e2be02146e3fe769f4b5c32f7f9b132383665640e75963482a9828aded22fcae5c7e775b4901103e154ffa8c552b03a26e";
+// RC4 of 16 zero bytes: the first 8 units of the key stream.
+const char kKeyStream[] = "56e28402486e6ae71af4d0c35d7fe813";
+
+} // namespace
+
+TEST_CASE("encryption gives the independently computed stored form, in the doubled layout")
+{
+    TarnTest::LogCapture log;
+    CryptoUtils crypto;
+    std::wstring text = kPath;
+    const size_t n = text.size();
+    REQUIRE(crypto.EncryptString(text));
+    // 2n units: n carry the cipher bytes, the other n start with the old terminator.
+    REQUIRE(text.size() == 2 * n);
+    CHECK(text.substr(0, n) == FromHexUnits(kPathStored));
+    CHECK(text.substr(n) == std::wstring(n, L'\0'));
+    CHECK(Stored(text) == FromHexUnits(kPathStored));
+
+    std::wstring wide = kUnicodePath;
+    REQUIRE(crypto.EncryptString(wide));
+    CHECK(Stored(wide) == FromHexUnits(kUnicodeStored));
+
+    // No error or warning on the way.
+    for (const auto& record : log.Records())
+        CHECK(record.level >= 2);
+}
+
+TEST_CASE("every operation starts from a fresh key: equal texts give equal bytes")
+{
+    CryptoUtils first;
+    CryptoUtils second;
+    std::wstring a = kPath;
+    std::wstring b = kPath;
+    std::wstring c = kPath;
+    REQUIRE(first.EncryptString(a));
+    REQUIRE(first.EncryptString(b));  // same object again
+    REQUIRE(second.EncryptString(c));
+    CHECK(a == b);
+    CHECK(a == c);
+    CHECK_FALSE(first.IsInitialized());  // released after each string operation
+
+    // Without a final section the stream goes on: a second section encrypts differently,
+    // which is exactly what the fresh key of every string operation prevents.
+    CryptoUtils sections;
+    std::wstring zeros1(8, L'\0');
+    std::wstring zeros2(8, L'\0');
+    REQUIRE(sections.EncryptSection(false, zeros1, 8));
+    CHECK(sections.IsInitialized());
+    REQUIRE(sections.EncryptSection(true, zeros2, 8));
+    CHECK_FALSE(sections.IsInitialized());
+    CHECK(zeros1.substr(0, 8) == FromHexUnits(kKeyStream));
+    CHECK(zeros2.substr(0, 8) != zeros1.substr(0, 8));
+    // After the final section the next one starts from the beginning again.
+    std::wstring zeros3(8, L'\0');
+    REQUIRE(sections.EncryptSection(true, zeros3, 8));
+    CHECK(zeros3.substr(0, 8) == FromHexUnits(kKeyStream));
+}
+
+TEST_CASE("decrypting the stored form gives the path back")
+{
+    CryptoUtils crypto;
+    for (const std::wstring path : {std::wstring(kPath), std::wstring(kUnicodePath), std::wstring(L"x"),
+                                    std::wstring(1025, L'p')}) {
+        std::wstring text = path;
+        REQUIRE(crypto.EncryptString(text));
+        std::wstring stored = Stored(text);
+        REQUIRE(stored.size() == path.size());
+        REQUIRE(crypto.DecryptString(stored));
+        CHECK(stored.size() == 2 * path.size());
+        CHECK(Stored(stored) == path);
+    }
+}
+
+TEST_CASE("sections: length beyond the text is clamped; the empty string stays empty")
+{
+    CryptoUtils crypto;
+    std::wstring text = L"abc";
+    REQUIRE(crypto.EncryptSection(true, text, 100));
+    CHECK(text.size() == 6);
+
+    std::wstring partial = L"abcdef";
+    REQUIRE(crypto.EncryptSection(true, partial, 2));
+    // The first two characters are encrypted; no clear text is left behind them.
+    CHECK(partial.size() == 4);
+    CHECK(partial.substr(2) == std::wstring(2, L'\0'));
+    std::wstring whole = L"abcdef";
+    REQUIRE(crypto.EncryptSection(true, whole, 6));
+    CHECK(partial.substr(0, 2) == whole.substr(0, 2));
+
+    std::wstring empty;
+    CHECK(crypto.EncryptString(empty));
+    CHECK(empty.empty());
+    CHECK(crypto.DecryptString(empty));
+    CHECK(empty.empty());
+}
+
+TEST_CASE("initialisation is repeatable and released explicitly")
+{
+    CryptoUtils crypto;
+    REQUIRE(crypto.Initialize());
+    CHECK(crypto.Initialize());
+    CHECK(crypto.IsInitialized());
+    crypto.Release();
+    CHECK_FALSE(crypto.IsInitialized());
+    crypto.Release();  // twice is harmless
+    std::wstring text = kPath;
+    REQUIRE(crypto.EncryptString(text));
+    CHECK(Stored(text) == FromHexUnits(kPathStored));
+}
