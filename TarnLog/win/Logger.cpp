@@ -1,6 +1,7 @@
 #include "TarnLog/win/Logger.h"
 
 #include "TarnBase/Exceptions.h"
+#include "TarnMT/win/Platform.h"
 #include "TarnBase/KernelObjectName.h"
 #include "TarnLog/CriticalFile.h"
 #include "TarnLog/Log.h"
@@ -31,13 +32,6 @@ struct DepthGuard {
     DepthGuard() { ++t_loggerDepth; }
     ~DepthGuard() { --t_loggerDepth; }
 };
-
-bool IsNtPlatform()
-{
-    OSVERSIONINFOA info{};
-    info.dwOSVersionInfoSize = sizeof info;
-    return ::GetVersionExA(&info) && info.dwPlatformId == VER_PLATFORM_WIN32_NT;
-}
 
 // Only a 4-byte REG_DWORD counts; any other type or size leaves the current value alone.
 void ReadDword(HKEY key, const char* name, DWORD& value)
@@ -145,7 +139,7 @@ bool Logger::MapRing()
     }
     const std::string name = TarnBase::MakeKernelObjectName(kRingMappingName, true);
     const uint64_t size64 = bytes;
-    m_mapping.Reset(::CreateFileMappingA(INVALID_HANDLE_VALUE, IsNtPlatform() ? SharedObjectAttributes().Get() : nullptr,
+    m_mapping.Reset(::CreateFileMappingA(INVALID_HANDLE_VALUE, TarnMT::IsNtPlatform() ? SharedObjectAttributes().Get() : nullptr,
                                          PAGE_READWRITE, static_cast<DWORD>(size64 >> 32), static_cast<DWORD>(size64),
                                          name.c_str()));
     const bool existed = ::GetLastError() == ERROR_ALREADY_EXISTS;
@@ -157,7 +151,7 @@ bool Logger::MapRing()
         m_mapping.Reset();
         return false;
     }
-    if (IsNtPlatform())
+    if (TarnMT::IsNtPlatform())
         ApplyLowIntegrityLabel(m_mapping.Get());
 
     if (existed) {

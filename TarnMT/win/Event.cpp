@@ -1,6 +1,7 @@
 #include "TarnMT/win/Event.h"
 
 #include "TarnBase/Exceptions.h"
+#include "TarnMT/win/Platform.h"
 #include "TarnMT/DebugLine.h"
 #include "TarnMT/win/Mutex.h"
 #include "TarnMT/win/Thread.h"
@@ -9,13 +10,6 @@ namespace TarnMT {
 namespace {
 const char kClass[] = "TarnMT::Event";
 const char kSource[] = "Event";
-
-bool IsNtPlatform()
-{
-    OSVERSIONINFOA info{};
-    info.dwOSVersionInfoSize = sizeof info;
-    return ::GetVersionExA(&info) && info.dwPlatformId == VER_PLATFORM_WIN32_NT;
-}
 } // namespace
 
 void Event::Config(const std::string& name, const SECURITY_ATTRIBUTES* securityAttributes)

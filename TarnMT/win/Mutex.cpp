@@ -1,6 +1,7 @@
 #include "TarnMT/win/Mutex.h"
 
 #include "TarnBase/Exceptions.h"
+#include "TarnMT/win/Platform.h"
 #include "TarnMT/DebugLine.h"
 #include "TarnMT/win/Thread.h"
 
@@ -10,13 +11,6 @@ const char kClass[] = "TarnMT::Mutex";
 const char kAutoClass[] = "TarnMT::AutoLockMutex";
 const char kSource[] = "Mutex";
 const char kAutoSource[] = "AutoLockMutex";
-
-bool IsNtPlatform()
-{
-    OSVERSIONINFOA info{};
-    info.dwOSVersionInfoSize = sizeof info;
-    return ::GetVersionExA(&info) && info.dwPlatformId == VER_PLATFORM_WIN32_NT;
-}
 } // namespace
 
 bool IsUsablePointer(const void* pointer)

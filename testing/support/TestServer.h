@@ -12,6 +12,7 @@
 //
 // Winsock is loaded at run time: the test programs that use this header do not link it.
 
+#include "ChildProcess.h"
 #include "TarnBase/win/Handle.h"
 
 #include <winsock2.h>
@@ -142,34 +143,9 @@ inline Socket ConnectLoopback(unsigned short port, DWORD receiveTimeoutMs)
     return s;
 }
 
-inline std::wstring QuoteForCommandLine(const std::wstring& arg)
-{
-    if (!arg.empty() && arg.find_first_of(L" \t\"") == std::wstring::npos)
-        return arg;
-    std::wstring quoted = L"\"";
-    size_t backslashes = 0;
-    for (wchar_t c : arg) {
-        if (c == L'\\') {
-            ++backslashes;
-            continue;
-        }
-        quoted.append(c == L'"' ? backslashes * 2 + 1 : backslashes, L'\\');
-        backslashes = 0;
-        quoted += c;
-    }
-    quoted.append(backslashes * 2, L'\\');
-    return quoted + L"\"";
-}
-
 inline std::wstring FromUtf8(const std::string& text)
 {
-    if (text.empty())
-        return std::wstring();
-    const int n = ::MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    std::wstring wide(static_cast<size_t>(n > 0 ? n : 0), L'\0');
-    if (n > 0)
-        ::MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &wide[0], n);
-    return wide;
+    return TarnTest::Widen(text);
 }
 
 } // namespace detail
@@ -224,13 +200,13 @@ public:
         for (auto& c : commandLine)
             if (c == L'/')
                 c = L'\\';
-        commandLine = detail::QuoteForCommandLine(commandLine);
+        commandLine = TarnTest::QuoteArgument(commandLine);
         for (const std::string& arg :
              {std::string("-u"), std::string("-c"),
               std::string("import os,runpy,sys;os.set_blocking(0,True);os.set_blocking(1,True);"
                           "sys.argv=sys.argv[1:];runpy.run_path(sys.argv[0],run_name='__main__')"),
               script, unixRoot})
-            commandLine += L" " + detail::QuoteForCommandLine(detail::FromUtf8(arg));
+            commandLine += L" " + TarnTest::QuoteArgument(detail::FromUtf8(arg));
 
         STARTUPINFOW startup{};
         startup.cb = sizeof startup;

@@ -4,6 +4,8 @@
 #include <windows.h>
 #include <objbase.h>
 
+#include "ChildProcess.h"
+
 #include <doctest.h>
 
 #include <cstdlib>
@@ -53,24 +55,6 @@ std::wstring HostExecutable()
     return path.substr(0, path.find_last_of(L"\\/") + 1) + L"tarnhost.exe";
 }
 
-std::wstring Quote(const std::wstring& arg)
-{
-    if (!arg.empty() && arg.find_first_of(L" \t\"") == std::wstring::npos)
-        return arg;
-    std::wstring quoted = L"\"";
-    size_t backslashes = 0;
-    for (wchar_t c : arg) {
-        if (c == L'\\') {
-            ++backslashes;
-            continue;
-        }
-        quoted.append(c == L'"' ? backslashes * 2 + 1 : backslashes, L'\\');
-        backslashes = 0;
-        quoted += c;
-    }
-    quoted.append(backslashes * 2, L'\\');
-    return quoted + L"\"";
-}
 
 std::string Drain(HANDLE pipe)
 {
@@ -91,9 +75,9 @@ Run RunHost(const std::vector<std::wstring>& args)
     ::SetHandleInformation(outRead, HANDLE_FLAG_INHERIT, 0);
     ::SetHandleInformation(errRead, HANDLE_FLAG_INHERIT, 0);
 
-    std::wstring commandLine = Quote(HostExecutable());
+    std::wstring commandLine = TarnTest::QuoteArgument(HostExecutable());
     for (const auto& arg : args)
-        commandLine += L" " + Quote(arg);
+        commandLine += L" " + TarnTest::QuoteArgument(arg);
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
