@@ -66,5 +66,31 @@ ask "http://admin.shop.example.com/page.html" --param "TrustedSiteDataFileURL=ht
 ask "http://unlisted.example.org/page.html" --param "TrustedSiteDataFileURL=http://127.0.0.1:$port/shop/trust.dll"
 
 echo
-echo "== 3. Every scripted member, as a page without a site sees them"
+echo "== 3. A host that is not on any list is granted dynamic trust by tarngrant"
+tarngrant="$build/tools/tarngrant/tarngrant.exe"
+rm -f "$work/granted"
+wine "$host" "$(winpath "$src/testing/demo/ask-container.js")" "$(winpath "$work/granted")" >"$work/container.out" 2>&1 &
+host_job=$!
+for _ in $(seq 1 100); do
+    grep -q "before the grant" "$work/container.out" 2>/dev/null && break
+    sleep 0.2
+done
+cat "$work/container.out"
+pid=$(wine "$tarnlog" --process tarnhost.exe | grep "Our current container is not trusted" | tail -n 1 \
+      | sed -n 's/.*\[PID: 0x\([0-9a-f]*\)\].*/\1/p')
+pid=$(printf '%d' "0x$pid")
+echo "  tarngrant grant $pid   (the table now holds that process and its encrypted path)"
+wine "$tarngrant" grant --hold 30 "$pid" >"$work/grant.out" 2>&1 &
+grant_job=$!
+sleep 1
+wine "$tarngrant" list | sed 's/^/    /'
+touch "$work/granted"
+wait "$host_job" || true
+tail -n 2 "$work/container.out"
+wait "$grant_job" || true
+echo "  tarngrant list after the query (the grant was consumed):"
+wine "$tarngrant" list | sed 's/^/    /'
+
+echo
+echo "== 4. Every scripted member, as a page without a site sees them"
 wine "$host" --param VendorID=demo-vendor "$(winpath "$src/testing/demo/page.js")"
