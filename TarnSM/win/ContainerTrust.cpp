@@ -51,6 +51,23 @@ DWORD HostModulePath(std::string& path)
     return length;
 }
 
+// `text` in the ANSI code page, false unless every character has an exact counterpart.
+bool ExactAnsi(const wchar_t* text, DWORD length, std::string& narrow)
+{
+    narrow.clear();
+    if (length == 0)
+        return true;
+    BOOL lossy = FALSE;
+    const int size = ::WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, text, static_cast<int>(length), nullptr, 0,
+                                           nullptr, &lossy);
+    if (size <= 0 || lossy)
+        return false;
+    narrow.assign(static_cast<size_t>(size), '\0');
+    return ::WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, text, static_cast<int>(length), &narrow[0], size,
+                                 nullptr, &lossy) == size &&
+           !lossy;
+}
+
 bool IsContainerDynamicallyTrustedRightNow()
 {
     TarnMT::AutoCriticalSection guard(&g_state.lock);
@@ -131,11 +148,19 @@ bool LoadVendorTrustedContainers(const std::string& vendorId, NameList& list)
     }
     NameList names;
     for (DWORD index = 0;; ++index) {
-        char name[260] = {};
-        DWORD length = sizeof name;
-        if (::RegEnumKeyExA(key.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
+        wchar_t name[260] = {};
+        DWORD length = 260;
+        if (::RegEnumKeyExW(key.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
             break;
-        std::string lower = ContainerName(std::string(name, length < sizeof name ? length : 0));
+        // The narrow registry call would turn look-alike letters into plain ones (U+FF34
+        // into "T"); a name the code page cannot hold exactly names no executable here.
+        std::string narrow;
+        if (!ExactAnsi(name, length < 260 ? length : 0, narrow)) {
+            TarnLog::Log(kControlClass, 2,
+                         "LoadVendorTrustedContainers: Ignoring a trusted container name that the ANSI code page cannot represent exactly.");
+            continue;
+        }
+        std::string lower = ContainerName(narrow);
         if (lower != kBrowserExecutable)
             names.push_back(std::move(lower));
     }

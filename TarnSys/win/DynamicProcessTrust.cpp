@@ -186,16 +186,19 @@ bool DynamicProcessTrust::FindProcess(const std::wstring& pid, uint32_t& index, 
         return false;
     }
     const std::string pidText = LogText(pid);
-    const auto found = m_view ? FindEntry(Table(), m_mapSize, ToU16(pid)) : std::nullopt;
-    if (!found) {
-        TarnLog::Log(kClass, 3, "FindProcess():  Failed to find specified process in list , PID = %s.", pidText.c_str());
-        return false;
+    const std::u16string wanted = ToU16(pid);
+    for (size_t i = 0; m_view && i < kTableEntryCount; ++i) {
+        // The identifier and the path come from one copy of the entry.
+        const auto entry = ReadEntry(Table(), m_mapSize, i);
+        if (entry && EqualsNoCase(entry->pid, wanted)) {
+            TarnLog::Log(kClass, 3, "FindProcess():  Successfully found process within list, PID = %s.", pidText.c_str());
+            appPath = ToWide(entry->path);
+            index = static_cast<uint32_t>(i);
+            return true;
+        }
     }
-    const auto entry = ReadEntry(Table(), m_mapSize, *found);
-    TarnLog::Log(kClass, 3, "FindProcess():  Successfully found process within list, PID = %s.", pidText.c_str());
-    appPath = entry ? ToWide(entry->path) : std::wstring();
-    index = static_cast<uint32_t>(*found);
-    return true;
+    TarnLog::Log(kClass, 3, "FindProcess():  Failed to find specified process in list , PID = %s.", pidText.c_str());
+    return false;
 }
 
 bool DynamicProcessTrust::IsTrustedProcess(const std::wstring& pid, const std::wstring& appPath)

@@ -24,9 +24,10 @@ namespace TarnSys {
 extern const char kTableMutexName[];    // before the namespace prefix ("Global\")
 extern const char kTableMappingName[];  // before the namespace prefix ("Local\")
 
-// Longest wait for the table's mutex. Any local process may hold it; a host must never
-// hang on it, so a wait this long ends in "not trusted".
-constexpr DWORD kTableLockTimeoutMs = 3000;
+// Longest wait for the table's mutex. Any local process may take it and keep it; a host
+// must never hang on it, so a wait this long ends in "not trusted". Holders keep it for
+// microseconds.
+constexpr DWORD kTableLockTimeoutMs = 1000;
 
 // Whether this process is a 32-bit process on a 64-bit system.
 bool IsCurrentProcessWow64();

@@ -152,6 +152,16 @@ TEST_CASE("vendor lists from the registry")
         CHECK(Ask(dir, L"myhost.exe", Page(L"", vendor.Name())) == "true\n");
         CHECK(Ask(dir, L"iexplore.exe", Page(L"", vendor.Name())) == "false\n");
     }
+    SUBCASE("names the ANSI code page cannot hold exactly are no look-alikes of plain names")
+    {
+        VendorKey vendor(UniqueVendor("LookAlike"));
+        // Fullwidth "m", which the narrow registry call would turn into a plain "m".
+        vendor.AddContainersWide({L"\xFF4Dyhost.exe", L"myhost.exe "});
+        CHECK(Ask(dir, L"myhost.exe", Page(L"", vendor.Name())) == "false\n");
+        VendorKey again(UniqueVendor("LookAlikeControl"));
+        again.AddContainersWide({L"\xFF4Dyhost.exe", L"myhost.exe"});
+        CHECK(Ask(dir, L"myhost.exe", Page(L"", again.Name())) == "true\n");
+    }
     SUBCASE("a vendor key without containers, or with an empty list, keeps the built-in list")
     {
         VendorKey bare(UniqueVendor("Bare"));
@@ -208,6 +218,16 @@ TEST_CASE("in one process: the vendor's list is read once and kept for the proce
 
     VendorKey vendor(UniqueVendor("Cache"));
     vendor.AddContainers({name});
+    // The vendor is process-wide: whatever happens here, later tests must see none.
+    struct VendorReset {
+        ITarnSM* control;
+        ~VendorReset()
+        {
+            BSTR none = ::SysAllocString(L"");
+            control->put_VendorID(none);
+            ::SysFreeString(none);
+        }
+    } reset{control.Get()};
     const std::wstring vendorWide(vendor.Name().begin(), vendor.Name().end());
     BSTR vendorId = ::SysAllocString(vendorWide.c_str());
     REQUIRE(control->put_VendorID(vendorId) == S_OK);

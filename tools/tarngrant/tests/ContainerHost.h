@@ -318,6 +318,17 @@ public:
             ::RegCreateKeyExA(key.Get(), name.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, sub.Put(), nullptr);
         }
     }
+    // Names given as UTF-16, for letters outside the ANSI code page.
+    void AddContainersWide(const std::vector<std::wstring>& names)
+    {
+        TarnBase::UniqueRegKey key;
+        const std::wstring path = TarnTest::Widen(Path() + "\\TarnSM\\TrustedContainers");
+        ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key.Put(), nullptr);
+        for (const auto& name : names) {
+            TarnBase::UniqueRegKey sub;
+            ::RegCreateKeyExW(key.Get(), name.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, sub.Put(), nullptr);
+        }
+    }
     void RemoveContainer(const std::string& name)
     {
         ::RegDeleteKeyA(HKEY_LOCAL_MACHINE, (Path() + "\\TarnSM\\TrustedContainers\\" + name).c_str());
