@@ -7,7 +7,6 @@
 #include <windows.h>
 
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace TarnTest {
@@ -104,22 +103,35 @@ inline ChildResult RunChild(const std::vector<std::wstring>& args, DWORD timeout
     outWrite.Reset();
     errWrite.Reset();
 
-    auto drain = [](HANDLE pipe, std::string& into) {
-        char buffer[4096];
-        DWORD read = 0;
-        while (::ReadFile(pipe, buffer, sizeof buffer, &read, nullptr) && read > 0)
+    // Reading to the end of the pipes is not enough: Wine may start a helper process of its
+    // own (explorer.exe) that inherits the child's output handles and never closes them. So
+    // the pipes are polled while the child runs and drained once it has ended.
+    auto pump = [](HANDLE pipe, std::string& into) {
+        DWORD available = 0;
+        while (::PeekNamedPipe(pipe, nullptr, 0, nullptr, &available, nullptr) && available > 0) {
+            char buffer[4096];
+            DWORD read = 0;
+            if (!::ReadFile(pipe, buffer, available < sizeof buffer ? available : sizeof buffer, &read, nullptr) ||
+                read == 0)
+                break;
             into.append(buffer, read);
+        }
     };
-    std::thread errReader(drain, errRead.Get(), std::ref(result.err));
-    std::thread outReader(drain, outRead.Get(), std::ref(result.out));
-    if (::WaitForSingleObject(process.Get(), timeoutMs) == WAIT_TIMEOUT) {
-        result.timedOut = true;
-        ::TerminateProcess(process.Get(), 999);
-        ::WaitForSingleObject(process.Get(), 5000);
+    const ULONGLONG deadline = ::GetTickCount64() + timeoutMs;
+    for (;;) {
+        const bool ended = ::WaitForSingleObject(process.Get(), 20) == WAIT_OBJECT_0;
+        pump(outRead.Get(), result.out);
+        pump(errRead.Get(), result.err);
+        if (ended)
+            break;
+        if (::GetTickCount64() > deadline) {
+            result.timedOut = true;
+            ::TerminateProcess(process.Get(), 999);
+            ::WaitForSingleObject(process.Get(), 5000);
+            break;
+        }
     }
     ::GetExitCodeProcess(process.Get(), &result.exitCode);
-    outReader.join();
-    errReader.join();
     // Console output of script hosts ends lines with CR LF; tests compare plain lines.
     for (std::string* text : {&result.out, &result.err}) {
         std::string plain;
