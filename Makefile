@@ -9,7 +9,7 @@ NATIVE := build/native
 
 .PHONY: all deps build native fuzz-build test demo fuzz bench clean
 FUZZ_SECONDS ?= 120
-FUZZ_SMOKE_SECONDS ?= 6
+FUZZ_SMOKE_SECONDS ?= 4
 
 all: build
 
