@@ -38,31 +38,21 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
+
 namespace {
+
+using Bench::NowUs;
+using Bench::Median;
+using Bench::Alternate;
+using Bench::Comparison;
 
 using Microsoft::WRL::ComPtr;
 
 constexpr double kTarget = 1.3;
 const wchar_t kPageUrl[] = L"file:///C:/x/page.html";
 
-double NowUs()
-{
-    static const double frequency = [] {
-        LARGE_INTEGER f;
-        ::QueryPerformanceFrequency(&f);
-        return static_cast<double>(f.QuadPart);
-    }();
-    LARGE_INTEGER now;
-    ::QueryPerformanceCounter(&now);
-    return static_cast<double>(now.QuadPart) * 1e6 / frequency;
-}
 
-double Median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const size_t n = values.size();
-    return n == 0 ? 0 : (n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2);
-}
 
 struct ComApartment {
     ComApartment() { ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED); }
@@ -143,27 +133,7 @@ void SameRecords()
     TarnLog::Log(cls, 2, "IsCurrentContainerTrustedInternal: Our current container is not trusted. Container: %s.", "container_bench.exe");
 }
 
-struct Comparison {
-    std::vector<double> ours;
-    std::vector<double> floor;
-    bool ok = true;
-};
 
-Comparison Alternate(int rounds, const std::function<bool()>& ours, const std::function<bool()>& floor)
-{
-    Comparison result;
-    for (int round = 0; round < rounds && result.ok; ++round) {
-        for (int side = 0; side < 2; ++side) {
-            const bool oursNow = (side == 0) == (round % 2 == 0);
-            const double start = NowUs();
-            const bool ok = oursNow ? ours() : floor();
-            const double elapsed = NowUs() - start;
-            result.ok = result.ok && ok;
-            (oursNow ? result.ours : result.floor).push_back(elapsed);
-        }
-    }
-    return result;
-}
 
 } // namespace
 

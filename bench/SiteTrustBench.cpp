@@ -36,7 +36,13 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
+
 namespace {
+
+using Bench::NowUs;
+using Bench::Median;
+using Bench::BareDownload;
 
 using DownloadTest::ComPtr;
 
@@ -49,24 +55,7 @@ const wchar_t kPageUrl[] = L"http://shop.example.com/p.html";
 const char kOursChild[] = "--child-ours";
 const char kFloorChild[] = "--child-floor";
 
-double NowUs()
-{
-    static const double frequency = [] {
-        LARGE_INTEGER f;
-        ::QueryPerformanceFrequency(&f);
-        return static_cast<double>(f.QuadPart);
-    }();
-    LARGE_INTEGER now;
-    ::QueryPerformanceCounter(&now);
-    return static_cast<double>(now.QuadPart) * 1e6 / frequency;
-}
 
-double Median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const size_t n = values.size();
-    return n == 0 ? 0 : (n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2);
-}
 
 std::wstring Widen(const std::string& ascii)
 {
@@ -126,37 +115,6 @@ bool BareParse(const std::wstring& url)
     return true;
 }
 
-bool BareDownload(const std::string& url, const std::string& target)
-{
-    TarnBase::UniqueInternetHandle session(::InternetOpenA("TarnSM", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
-    if (!session)
-        return false;
-    DWORD timeout = 10000;
-    ::InternetSetOptionA(session.Get(), INTERNET_OPTION_CONNECT_TIMEOUT, &timeout, sizeof timeout);
-    TarnBase::UniqueInternetHandle request(::InternetOpenUrlA(session.Get(), url.c_str(), nullptr, 0,
-                                                              INTERNET_FLAG_RESYNCHRONIZE | INTERNET_FLAG_NO_UI, 0));
-    if (!request)
-        return false;
-    DWORD status = 0, size = sizeof status;
-    if (!::HttpQueryInfoA(request.Get(), HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status, &size, nullptr) ||
-        status != 200)
-        return false;
-    TarnBase::UniqueFile file(
-        ::CreateFileA(target.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file)
-        return false;
-    char buffer[1024];
-    for (;;) {
-        DWORD read = 0;
-        if (!::InternetReadFile(request.Get(), buffer, sizeof buffer, &read))
-            return false;
-        if (read == 0)
-            return true;
-        DWORD written = 0;
-        if (!::WriteFile(file.Get(), buffer, read, &written, nullptr))
-            return false;
-    }
-}
 
 bool BareVerify(const std::wstring& path)
 {
