@@ -1,14 +1,15 @@
 # make demo   build, register the control in a Wine prefix and let a page ask it
 # make test   every test: the Windows build under Wine, the portable logic natively under
 #             AddressSanitizer/UBSan, and a short run of every fuzzer
-# make fuzz   every fuzzer for FUZZ_SECONDS each (default 120)
+# make fuzz   every fuzzer to FUZZ_RUNS executions (10 million), at most FUZZ_SECONDS each (900)
 # make bench  every benchmark; the table goes to the terminal and bench/results.md
 SHELL := /bin/sh
 WIN := build/win
 NATIVE := build/native
 
 .PHONY: all deps build native fuzz-build test demo fuzz bench clean
-FUZZ_SECONDS ?= 120
+FUZZ_SECONDS ?= 900
+FUZZ_RUNS ?= 10000000
 FUZZ_SMOKE_SECONDS ?= 4
 
 all: build
@@ -37,7 +38,7 @@ bench: build
 	@bench/run-benchmarks.sh $(WIN)
 
 fuzz: fuzz-build
-	@testing/fuzz/run-fuzzers.sh build/fuzz $(FUZZ_SECONDS)
+	@testing/fuzz/run-fuzzers.sh build/fuzz $(FUZZ_SECONDS) $(FUZZ_RUNS)
 
 demo: build
 	@testing/demo/demo.sh $(WIN)

@@ -1,11 +1,14 @@
 #!/bin/sh
 # Runs every fuzz target for a bounded time over a copy of its seed corpus.
-#   run-fuzzers.sh <fuzz-build-dir> <seconds-per-target>
+#   run-fuzzers.sh <fuzz-build-dir> <seconds-per-target> [executions-per-target]
+# With an execution count, a target stops at that count or at the time limit, whichever
+# comes first.
 # Prints the executions each target reached; exits non-zero on the first finding (the
 # crashing input is left in the build tree as crash-*, to be kept as a regression seed).
 set -eu
 build=$(cd "$1" && pwd)
 seconds=$2
+runs=${3:-}
 src=$(cd "$(dirname "$0")/../.." && pwd)
 status=0
 for exe in "$build"/testing/fuzz/fuzz_*; do
@@ -18,7 +21,7 @@ for exe in "$build"/testing/fuzz/fuzz_*; do
         cp -r "$src/testing/corpus/$target/." "$work/corpus/" 2>/dev/null || true
     fi
     log="$work/log.txt"
-    if (cd "$work" && "$exe" -max_total_time="$seconds" -print_final_stats=1 -rss_limit_mb=2048 \
+    if (cd "$work" && "$exe" -max_total_time="$seconds" ${runs:+-runs="$runs"} -print_final_stats=1 -rss_limit_mb=2048 \
             -timeout=10 corpus >"$log" 2>&1); then
         runs=$(grep -E "stat::number_of_executed_units" "$log" | awk '{print $2}')
         printf '%-22s %12s executions, no finding\n' "$target" "${runs:-?}"
