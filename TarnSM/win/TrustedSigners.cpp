@@ -74,11 +74,22 @@ bool LoadVendorTrustedSigners(const std::string& vendorId, NameList& signers)
         return true;
     }
     for (DWORD index = 0;; ++index) {
-        char name[260] = {};
-        DWORD length = sizeof name;
-        if (::RegEnumKeyExA(key.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
+        wchar_t name[260] = {};
+        DWORD length = sizeof name / sizeof name[0];
+        if (::RegEnumKeyExW(key.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
             break;
-        signers.emplace_back(name, length);
+        // The narrow enumeration would turn look-alikes such as a full-width letter into
+        // plain ASCII and so trust a signer the vendor never named. A name that has no exact
+        // ANSI form is kept as an entry no signer can match, so that the vendor's list does
+        // not become empty and fall back to the defaults.
+        try {
+            signers.push_back(TarnUtils::WideToAnsi(name, length));
+        } catch (const TarnBase::BaseException&) {
+            TarnLog::Log(kControlClass, 1,
+                         "LoadVendorTrustedSigners: Signer name %u of the vendor has no exact ANSI form; it matches no signer.",
+                         static_cast<unsigned>(index));
+            signers.emplace_back();
+        }
     }
     return true;
 }

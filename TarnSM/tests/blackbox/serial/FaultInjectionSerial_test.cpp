@@ -1,0 +1,378 @@
+// Damage to what every process of the machine shares with the DLL: the logger's per-user
+// registry values, the log ring's bytes and the critical file. These tests change that
+// shared state for a while, so they run alone, and they put it back.
+#include "BlackBox.h"
+#include "ChildProcess.h"
+#include "RingReader.h"
+#include "TestServer.h"
+#include "TarnLog/CriticalFile.h"
+#include "TarnLog/Log.h"
+
+#include <doctest.h>
+#include <shlobj.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <thread>
+
+namespace {
+
+constexpr DWORD kPageTimeoutMs = 60000;
+const char kLoggerKey[] = "SOFTWARE\\Ostrum\\Kestrel\\Logger";
+
+std::string BinaryDir()
+{
+    const char* dir = std::getenv("TARN_BINARY_DIR");
+    return dir ? dir : ".";
+}
+
+const char kAskFunction[] =
+    "function ask(f) { try { return String(f()); } catch (e) {"
+    " return 'error ' + (e.number >>> 0).toString(16) + ' ' + e.description; } }\n";
+
+// Raises one error record in the page's process: a VendorID that cannot be narrowed to the
+// ANSI code page is refused with a thrown, logged exception.
+const char kErrorLine[] = "host.Echo(ask(function () { TarnSM.VendorID = 'V\\u4e2d\\u6587'; return 'set'; }));\n";
+
+struct HostRun {
+    TarnTest::ChildResult child;
+    std::vector<std::string> lines;
+};
+
+HostRun RunHost(const std::vector<std::wstring>& options, const std::string& script)
+{
+    char folder[MAX_PATH] = {};
+    ::GetTempPathA(MAX_PATH, folder);
+    static int serial = 0;
+    const std::string path = std::string(folder) + "faultserial-" + std::to_string(::GetCurrentProcessId()) + "-" +
+                             std::to_string(++serial) + ".js";
+    std::ofstream(path) << kAskFunction << script;
+    std::vector<std::wstring> args = {TarnTest::BuildPath("tools/tarnhost/tarnhost.exe")};
+    args.insert(args.end(), options.begin(), options.end());
+    args.push_back(TarnTest::Widen(path));
+    HostRun run;
+    run.child = TarnTest::RunChild(args, kPageTimeoutMs);
+    ::DeleteFileA(path.c_str());
+    size_t at = 0;
+    const std::string& out = run.child.out;
+    while (at < out.size()) {
+        const size_t end = out.find('\n', at);
+        run.lines.push_back(out.substr(at, end == std::string::npos ? std::string::npos : end - at));
+        if (end == std::string::npos)
+            break;
+        at = end + 1;
+    }
+    return run;
+}
+
+void CheckSurvived(const HostRun& run)
+{
+    INFO("stdout: " << run.child.out);
+    INFO("stderr: " << run.child.err);
+    REQUIRE(run.child.started);
+    CHECK_FALSE(run.child.timedOut);
+    CHECK(run.child.exitCode == 0);
+}
+
+// One value under the logger's key, raw, for the life of the object; the old value (or its
+// absence) comes back afterwards.
+class RawLoggerValue {
+public:
+    RawLoggerValue(const char* name, DWORD type, const void* data, DWORD size) : m_name(name)
+    {
+        ::RegCreateKeyExA(HKEY_CURRENT_USER, kLoggerKey, 0, nullptr, 0, KEY_READ | KEY_WRITE, nullptr, m_key.Put(), nullptr);
+        DWORD oldSize = 0;
+        if (::RegQueryValueExA(m_key.Get(), name, nullptr, &m_oldType, nullptr, &oldSize) == ERROR_SUCCESS) {
+            m_old.emplace(oldSize, '\0');
+            ::RegQueryValueExA(m_key.Get(), name, nullptr, &m_oldType, reinterpret_cast<BYTE*>(&(*m_old)[0]), &oldSize);
+        }
+        written = ::RegSetValueExA(m_key.Get(), name, 0, type, static_cast<const BYTE*>(data), size) == ERROR_SUCCESS;
+    }
+    ~RawLoggerValue()
+    {
+        if (m_old)
+            ::RegSetValueExA(m_key.Get(), m_name, 0, m_oldType, reinterpret_cast<const BYTE*>(m_old->data()),
+                             static_cast<DWORD>(m_old->size()));
+        else
+            ::RegDeleteValueA(m_key.Get(), m_name);
+    }
+    RawLoggerValue(const RawLoggerValue&) = delete;
+    RawLoggerValue& operator=(const RawLoggerValue&) = delete;
+    bool written = false;
+
+private:
+    const char* m_name;
+    TarnBase::UniqueRegKey m_key;
+    DWORD m_oldType = REG_NONE;
+    std::optional<std::string> m_old;
+};
+
+struct RawValue {
+    const char* what;
+    DWORD type;
+    std::vector<uint8_t> bytes;
+};
+
+// Values that a careless reader would take for 0: each must leave the default in force.
+std::vector<RawValue> ZeroLookalikes()
+{
+    return {
+        {"REG_SZ \"0\"", REG_SZ, {'0', 0}},
+        {"empty REG_SZ", REG_SZ, {0}},
+        {"REG_BINARY of four zero bytes", REG_BINARY, {0, 0, 0, 0}},
+        {"REG_QWORD 0", REG_QWORD, {0, 0, 0, 0, 0, 0, 0, 0}},
+        {"REG_DWORD without data", REG_DWORD, {}},
+        {"REG_DWORD of two bytes", REG_DWORD, {0, 0}},
+        {"REG_DWORD_BIG_ENDIAN 0", REG_DWORD_BIG_ENDIAN, {0, 0, 0, 0}},
+    };
+}
+
+std::string CriticalPath()
+{
+    char folder[MAX_PATH] = {};
+    ::SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, folder);
+    return std::string(folder) + "\\Ostrum\\critical.txt";
+}
+
+std::optional<std::string> ReadWhole(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        return std::nullopt;
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+void WriteWhole(const std::string& path, const std::string& bytes)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+size_t CriticalRecordsOfProcess(DWORD processId, const std::string& part)
+{
+    const auto bytes = ReadWhole(CriticalPath());
+    if (!bytes)
+        return 0;
+    char pid[32];
+    std::snprintf(pid, sizeof pid, "[PID: 0x%lx]", static_cast<unsigned long>(processId));
+    size_t n = 0;
+    for (const auto& record : TarnLog::ReadCriticalRecords(*bytes).records)
+        n += record.find(pid) != std::string::npos && record.find(part) != std::string::npos ? 1 : 0;
+    return n;
+}
+
+// Puts the critical file back as it was when the object was made.
+class CriticalFileRestore {
+public:
+    CriticalFileRestore() : m_saved(ReadWhole(CriticalPath())) {}
+    ~CriticalFileRestore()
+    {
+        if (m_saved)
+            WriteWhole(CriticalPath(), *m_saved);
+        else
+            ::DeleteFileA(CriticalPath().c_str());
+    }
+    CriticalFileRestore(const CriticalFileRestore&) = delete;
+    CriticalFileRestore& operator=(const CriticalFileRestore&) = delete;
+
+private:
+    std::optional<std::string> m_saved;
+};
+
+} // namespace
+
+TEST_SUITE("fault injection")
+{
+    // First in this file: it needs a machine with no log ring, and this process keeps the
+    // ring alive from its first record on.
+    TEST_CASE("an absurd NumberOfLogEntries at ring creation gives a ring of the default size")
+    {
+        for (const uint32_t entries : {0u, 0xFFFFFFFFu, 0x80000000u}) {
+            CAPTURE(entries);
+            TarnTest::RingView probe;
+            if (probe.Open(false)) {
+                MESSAGE("skipped: another process holds the log ring, so its size is already decided");
+                return;
+            }
+            RawLoggerValue value("NumberOfLogEntries", REG_DWORD, &entries, sizeof entries);
+            REQUIRE(value.written);
+
+            // The page keeps its process alive long enough for the ring to be looked at.
+            std::atomic<bool> done{false};
+            HostRun run;
+            std::thread page([&] {
+                run = RunHost({L"--url", L"file:///C:/x/page.html"},
+                              "host.Echo(ask(function () { return TarnSM.IsSiteTrusted('x'); }));\n"
+                              "var until = new Date().getTime() + 4000; while (new Date().getTime() < until) {}\n"
+                              "host.Echo(ask(function () { return TarnSM.IsCurrentContainerTrusted(''); }));\n");
+                done = true;
+            });
+            std::optional<TarnLog::RingHeader> header;
+            size_t mapped = 0;
+            while (!done && !header) {
+                TarnTest::RingHeaderEditor editor;
+                if (editor.IsOpen() && editor.Header().writeCounter > 0) {
+                    header = editor.Header();
+                    mapped = editor.View().Size();
+                }
+                ::Sleep(20);
+            }
+            page.join();
+            CheckSurvived(run);
+            CHECK(run.lines.size() == 2);
+            REQUIRE_MESSAGE(header, "the page never made a ring with records in it");
+            CHECK(header->entryCount == TarnLog::kDefaultRingEntries);
+            CHECK(mapped >= TarnLog::kRingHeaderSize + size_t(TarnLog::kDefaultRingEntries) * TarnLog::kRingEntrySize);
+        }
+    }
+
+    TEST_CASE("logger values of the wrong type or size leave the defaults in force")
+    {
+        TarnLog::Log("TarnSMX::FaultInjectionTest", 3, "FaultInjectionTest: keeping the ring alive.");
+        const std::vector<RawValue> values = ZeroLookalikes();
+        SUBCASE("FilterLogLevel: the page's debug records still reach the ring")
+        {
+            for (const RawValue& raw : values) {
+                CAPTURE(std::string(raw.what));
+                RawLoggerValue value("FilterLogLevel", raw.type, raw.bytes.data(), static_cast<DWORD>(raw.bytes.size()));
+                REQUIRE(value.written);
+                const HostRun run = RunHost({L"--url", L"file:///C:/x/page.html"},
+                                            "host.Echo(ask(function () { return TarnSM.IsSiteTrusted('x'); }));\n");
+                CheckSurvived(run);
+                CHECK(run.lines == std::vector<std::string>{"error 80004001 "});
+                bool found = false;
+                for (const auto& record : TarnTest::RingReader().RecordsOfProcess(run.child.processId))
+                    found = found || TarnLog::ReadField(record.message, sizeof record.message) == "IsSiteTrusted: Not implemented.";
+                CHECK(found);
+            }
+        }
+        SUBCASE("EnableCriticalLogger: the page's errors still reach the critical file")
+        {
+            for (const RawValue& raw : values) {
+                CAPTURE(std::string(raw.what));
+                RawLoggerValue value("EnableCriticalLogger", raw.type, raw.bytes.data(), static_cast<DWORD>(raw.bytes.size()));
+                REQUIRE(value.written);
+                const HostRun run = RunHost({L"--url", L"file:///C:/x/page.html"}, kErrorLine);
+                CheckSurvived(run);
+                REQUIRE(run.lines.size() == 1);
+                CHECK(run.lines[0].compare(0, 15, "error 80004005 ") == 0);
+                CHECK(CriticalRecordsOfProcess(run.child.processId, "Throwing ") >= 1);
+            }
+        }
+        SUBCASE("EnableOutputDebugString and NumberOfLogEntries: nothing changes for the page")
+        {
+            for (const RawValue& raw : values) {
+                CAPTURE(std::string(raw.what));
+                RawLoggerValue debug("EnableOutputDebugString", raw.type, raw.bytes.data(), static_cast<DWORD>(raw.bytes.size()));
+                RawLoggerValue entries("NumberOfLogEntries", raw.type, raw.bytes.data(), static_cast<DWORD>(raw.bytes.size()));
+                const HostRun run = RunHost({L"--url", L"file:///C:/x/page.html"},
+                                            "host.Echo(ask(function () { return TarnSM.IsCurrentContainerTrusted(''); }));\n");
+                CheckSurvived(run);
+                CHECK(run.lines == std::vector<std::string>{"false"});
+            }
+        }
+    }
+
+    TEST_CASE("random bytes written over the ring while a page runs change none of its answers")
+    {
+        TarnLog::Log("TarnSMX::FaultInjectionTest", 3, "FaultInjectionTest: keeping the ring alive.");
+        TarnTest::RingHeaderEditor editor;
+        REQUIRE(editor.IsOpen());
+        const TarnLog::RingHeader saved = editor.Header();
+        TarnTest::TestServer server(BinaryDir() + "/trustfiles/www");
+        REQUIRE(server.Running());
+
+        std::string script;
+        for (int i = 0; i < 20; ++i)
+            script += "host.Echo(ask(function () { return TarnSM.IsCurrentSiteTrusted(); }));\n"
+                      "host.Echo(ask(function () { return TarnSM.IsSiteTrusted('x'); }));\n";
+        script += kErrorLine;
+        std::vector<std::string> expected;
+        for (int i = 0; i < 20; ++i)
+            expected.insert(expected.end(), {"true", "error 80004001 "});
+
+        std::atomic<bool> done{false};
+        HostRun run;
+        std::thread page([&] {
+            run = RunHost({L"--url", L"http://example.com/p.html", L"--param",
+                           TarnTest::Widen("TrustedSiteDataFileURL=" + server.Url("/good.dll"))},
+                          script);
+            done = true;
+        });
+        // Half the damage under the ring mutex, as a broken reader would make it, half
+        // straight into a second writable view, as a hostile process would.
+        TarnTest::RingView raw;
+        REQUIRE(raw.Open(true));
+        uint32_t seed = 0xC0FFEE;
+        auto next = [&] { return seed = seed * 1664525u + 1013904223u; };
+        int rounds = 0;
+        while (!done) {
+            auto smash = [&](uint8_t* base, size_t size) {
+                for (size_t i = 0; i < TarnLog::kRingHeaderSize; i += 4) {
+                    const uint32_t r = next();
+                    std::memcpy(base + i, &r, 4);
+                }
+                for (int i = 0; i < 256; ++i)
+                    base[next() % size] = static_cast<uint8_t>(next() >> 24);
+            };
+            if (++rounds % 2)
+                editor.Edit(smash);
+            else
+                smash(raw.Base(), raw.Size());
+            ::Sleep(5);
+        }
+        page.join();
+
+        // A sane header again: the count and counter as they were, no readers, a new generation.
+        REQUIRE(editor.Edit([&](uint8_t* base, size_t) {
+            TarnLog::RingHeader header{};
+            header.generation = saved.generation + 1;
+            header.writeCounter = saved.writeCounter;
+            header.entryCount = saved.entryCount;
+            std::memcpy(base, &header, sizeof header);
+        }));
+        MESSAGE("ring damaged " << rounds << " times while the page ran");
+        CheckSurvived(run);
+        REQUIRE(run.lines.size() == expected.size() + 1);
+        CHECK(std::vector<std::string>(run.lines.begin(), run.lines.end() - 1) == expected);
+        CHECK(run.lines.back().compare(0, 15, "error 80004005 ") == 0);
+
+        // The ring is usable again for everyone.
+        TarnLog::RingSnapshot snapshot;
+        std::string error;
+        CHECK_MESSAGE(TarnTest::RingReader().Snapshot(snapshot, error), error);
+    }
+
+    TEST_CASE("a truncated or garbage-filled critical file takes the page's next error and stays readable")
+    {
+        CriticalFileRestore restore;
+        std::string damage;
+        SUBCASE("cut to two bytes") { damage = "\x01\xFF"; }
+        SUBCASE("40 KB of garbage")
+        {
+            uint32_t seed = 77;
+            for (int i = 0; i < 40 * 1024; ++i) {
+                seed = seed * 1664525u + 1013904223u;
+                damage += static_cast<char>(seed >> 24);
+            }
+        }
+        SUBCASE("40 KB of garbage behind a position past the end")
+        {
+            damage = std::string("\xFF\xFF\xFF\x7F", 4) + std::string(40 * 1024 - 4, '#');
+        }
+        WriteWhole(CriticalPath(), damage);
+
+        const HostRun run = RunHost({L"--url", L"file:///C:/x/page.html"}, kErrorLine);
+        CheckSurvived(run);
+        REQUIRE(run.lines.size() == 1);
+        CHECK(run.lines[0].compare(0, 15, "error 80004005 ") == 0);
+        const auto bytes = ReadWhole(CriticalPath());
+        REQUIRE(bytes);
+        // The circular file never grows past its wrap point plus one record.
+        CHECK(bytes->size() <= std::max<size_t>(damage.size(), 32500 + 4096));
+        CHECK(CriticalRecordsOfProcess(run.child.processId, "Throwing ") >= 1);
+    }
+}
