@@ -24,6 +24,15 @@ std::string BinaryDir()
     return dir ? dir : ".";
 }
 
+// One server for every case here. Under Wine each TestServer start closes a handle value
+// that CreateProcess never filled in for the Unix child; fewer starts, fewer handles of this
+// process (its cached HKLM key, its standard output) closed under it.
+TarnTest::TestServer& Server()
+{
+    static TarnTest::TestServer server(BinaryDir() + "/trustfiles/www");
+    return server;
+}
+
 // Every call the page makes goes through this, so a refused value shows up as a line
 // "error <hex> <description>" instead of ending the script.
 const char kAskFunction[] =
@@ -159,7 +168,7 @@ TEST_SUITE("fault injection")
         const std::string fault = BinaryDir() + "/trustfiles/www/fault";
         REQUIRE_MESSAGE(::GetFileAttributesA((fault + "/huge.dll").c_str()) != INVALID_FILE_ATTRIBUTES,
                         "the fault_files fixture has not made " << fault);
-        TarnTest::TestServer server(BinaryDir() + "/trustfiles/www");
+        TarnTest::TestServer& server = Server();
         REQUIRE(server.Running());
 
         SUBCASE("a list of over 30,000 characters is read to its last entry")
@@ -215,7 +224,7 @@ TEST_SUITE("fault injection")
 
     TEST_CASE("oversized page URL, parameters and script values")
     {
-        TarnTest::TestServer server(BinaryDir() + "/trustfiles/www");
+        TarnTest::TestServer& server = Server();
         REQUIRE(server.Running());
         const std::string good = server.Url("/good.dll");
         const std::string big(100 * 1024, 'a');
@@ -298,12 +307,13 @@ TEST_SUITE("fault injection")
 
     TEST_CASE("characters outside the ANSI code page never become a look-alike that is trusted")
     {
-        TarnTest::TestServer server(BinaryDir() + "/trustfiles/www");
+        TarnTest::TestServer& server = Server();
         REQUIRE(server.Running());
 
         SUBCASE("a data file URL naming a file that does not exist, in look-alike letters")
         {
             // Narrowed leniently, g\xFF4F\xFF4Fd.dll would fetch good.dll, which trusts example.com.
+            REQUIRE(server.ResetCounts());
             const std::wstring url = TarnTest::Widen(server.Url("/g")) + kFullwidthO + kFullwidthO + L"d.dll";
             const std::wstring script = L"host.Echo(ask(function () { TarnSM.TrustedSiteDataFileURL = '" + url +
                                         L"'; return 'set'; }));\n" + SiteQuestion();
@@ -349,7 +359,7 @@ TEST_SUITE("fault injection")
             REQUIRE(key.created[0]);
             REQUIRE(key.created[1]);
             REQUIRE(key.created[2]);
-            TarnTest::TestServer server(BinaryDir() + "/trustfiles/www");
+            TarnTest::TestServer& server = Server();
             REQUIRE(server.Running());
             const HostRun run = RunHost({L"--url", L"http://shop.example.com/p.html", L"--param",
                                          TarnTest::Widen("TrustedSiteDataFileURL=" + server.Url("/good.dll")), L"--param",
