@@ -221,7 +221,10 @@ public:
             return;
         }
         // A Unix child has no Windows process to wait on; the connection is its lifeline.
-        TarnBase::UniqueHandle process(info.hProcess), thread(info.hThread);
+        // Wine may report such a child with process id 0 and handles it never filled in:
+        // closing those would close whichever handle of ours has the same value.
+        TarnBase::UniqueHandle process(info.dwProcessId != 0 ? info.hProcess : nullptr);
+        TarnBase::UniqueHandle thread(info.dwProcessId != 0 ? info.hThread : nullptr);
         theirs.Reset();
 
         std::string line;

@@ -1,14 +1,16 @@
 #include "SiteFile.h"
 
 #include "TarnSM/SiteList.h"
+#include "TarnSM/TrustDataModule.h"
 
 #include <sstream>
 
 namespace TarnTrust {
 namespace {
 
-// A string resource holds at most 65535 UTF-16 units; the loader cannot give more.
-constexpr size_t kMaxStringLength = 65535;
+// The longest string a trust data module can carry (a string table entry's length field
+// allows more, but the module writer keeps to the loader's safe limit).
+constexpr size_t kMaxStringLength = TarnSMX::kMaxTrustDataStringUnits;
 
 std::string Trim(const std::string& s)
 {

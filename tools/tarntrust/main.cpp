@@ -8,6 +8,7 @@
 #include "TarnSM/TrustDataModule.h"
 #include "TarnSM/win/TrustDataFile.h"
 #include "TarnSM/win/TrustedSigners.h"
+#include "TarnBase/Exceptions.h"
 #include "TarnBase/win/Handle.h"
 #include "TarnUtils/win/Authenticode.h"
 #include "TarnUtils/win/StringConvert.h"
@@ -58,7 +59,12 @@ int Build(const std::string& sitePath, const std::string& outPath)
         std::fprintf(stderr, "%s:%d: error: %s\n", sitePath.c_str(), e.line, e.text.c_str());
     if (!site.errors.empty())
         return Fail("no module written", 1);
-    const std::vector<uint8_t> image = TarnSMX::BuildTrustDataModule(site.strings);
+    std::vector<uint8_t> image;
+    try {
+        image = TarnSMX::BuildTrustDataModule(site.strings);
+    } catch (const TarnBase::BaseException&) {
+        return Fail("a list is too long for a trust data module; no module written");
+    }
     std::ofstream out(outPath, std::ios::binary);
     out.write(reinterpret_cast<const char*>(image.data()), static_cast<std::streamsize>(image.size()));
     if (!out)
