@@ -17,7 +17,14 @@ struct CapturedRecord {
 
 class LogCapture {
 public:
-    LogCapture() { TarnLog::SetObserver(&LogCapture::OnRecord, this); }
+    LogCapture()
+    {
+        // The logger comes up on its first record, and coming up may say things of its own
+        // (its machine-wide mutex already existing, say). Bring it up before capturing, so a
+        // test sees only the records of the code it runs.
+        TarnLog::Log("TarnTest::LogCapture", 3, "Capturing this process's records.");
+        TarnLog::SetObserver(&LogCapture::OnRecord, this);
+    }
     ~LogCapture() { TarnLog::SetObserver(nullptr, nullptr); }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
