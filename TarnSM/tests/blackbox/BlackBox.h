@@ -4,6 +4,7 @@
 
 #include "TarnSMX_h.h"
 #include "TarnSM/win/Guids.h"
+#include "RingReader.h"
 #include "TarnLog/RingLayout.h"
 #include "TarnBase/KernelObjectName.h"
 #include "TarnBase/win/Handle.h"
@@ -36,21 +37,9 @@ inline ComPtr<ITarnSM> CreateControl(const wchar_t* progId = L"TarnSM.TarnSM")
 inline std::vector<std::string> RingMessagesOfThisProcess()
 {
     std::vector<std::string> messages;
-    const std::string name = TarnBase::MakeKernelObjectName("TarnLogger::Logger::Mapping::3.0", true);
-    TarnBase::UniqueHandle mapping(::OpenFileMappingA(FILE_MAP_READ, FALSE, name.c_str()));
-    if (!mapping)
-        return messages;
-    TarnBase::UniqueMappedView view(::MapViewOfFile(mapping.Get(), FILE_MAP_READ, 0, 0, 0));
-    MEMORY_BASIC_INFORMATION info{};
-    if (!view || !::VirtualQuery(view.Get(), &info, sizeof info))
-        return messages;
-    TarnLog::RingSnapshot snapshot;
-    std::string error;
-    if (!TarnLog::SnapshotRing(static_cast<const uint8_t*>(view.Get()), info.RegionSize, snapshot, error))
-        return messages;
-    for (const auto& record : snapshot.records)
-        if (record.processId == ::GetCurrentProcessId())
-            messages.push_back(TarnLog::ReadField(record.message, sizeof record.message));
+    TarnTest::RingReader ring;
+    for (const auto& record : ring.RecordsOfProcess(::GetCurrentProcessId()))
+        messages.push_back(TarnLog::ReadField(record.message, sizeof record.message));
     return messages;
 }
 
