@@ -15,7 +15,7 @@ constexpr DWORD kSupportedSafety = INTERFACESAFE_FOR_UNTRUSTED_CALLER | INTERFAC
 
 struct Property {
     const wchar_t* name;
-    HRESULT (CTarnSM::*put)(BSTR);
+    HRESULT (STDMETHODCALLTYPE CTarnSM::*put)(BSTR);
 };
 
 // The page parameters the control reads, in the order it applies them.

@@ -91,7 +91,12 @@ extern "C" HRESULT STDAPICALLTYPE DllRegisterServer()
 extern "C" HRESULT STDAPICALLTYPE DllUnregisterServer()
 {
     using namespace TarnSMX;
-    ::UnRegisterTypeLib(kLibidTarnSMLib, 1, 0, LANG_NEUTRAL, SYS_WIN64);
+#ifdef _WIN64
+    constexpr SYSKIND kSysKind = SYS_WIN64;
+#else
+    constexpr SYSKIND kSysKind = SYS_WIN32;
+#endif
+    ::UnRegisterTypeLib(kLibidTarnSMLib, TARN_TYPELIB_MAJOR, TARN_TYPELIB_MINOR, LANG_NEUTRAL, kSysKind);
     DeleteTree(L"CLSID\\" + GuidText(kClsidTarnSM));
     DeleteTree(kProgId);
     DeleteTree(kVersionIndependentProgId);
