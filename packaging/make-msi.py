@@ -110,13 +110,13 @@ def wxs(version, dll64, dll32, tlb_version):
         '<Property Id="%s"><RegistrySearch Id="Find%s" Root="HKLM" Key="%s" Name="%s" Type="raw" Win64="yes"/>'
         '</Property>' % (p, p, SETUP, p) for p in VENDOR_PROPERTIES)
     remembered = [value(SETUP, "[%s]" % p, p) for p in VENDOR_PROPERTIES]
-    # The Ostrum folders too: uninstall leaves nothing behind in Program Files.
+    # Uninstall removes the install folders too.
     comps64 = [component("DllX64", ['<File Id="DllX64" Name="TarnSMX.dll" Source=%s KeyPath="yes"/>' % quoteattr(dll64),
-                                    '<RemoveFolder Id="RemoveOstrum64" Directory="Ostrum64" On="uninstall"/>']
+                                    '<RemoveFolder Id="RemoveFolder64" On="uninstall"/>']
                          + view_keys("DllX64") + shared_keys(tlb_version), True),
                component("Setup", remembered, True)]
     comps32 = [component("DllX86", ['<File Id="DllX86" Name="TarnSMX.dll" Source=%s KeyPath="yes"/>' % quoteattr(dll32),
-                                    '<RemoveFolder Id="RemoveOstrum32" Directory="Ostrum32" On="uninstall"/>']
+                                    '<RemoveFolder Id="RemoveFolder32" On="uninstall"/>']
                          + view_keys("DllX86"), False)]
     # Placeholders: their registry rows and conditions are added with SQL (wixl has neither).
     for view, target in (("64", comps64), ("32", comps32)):
@@ -174,6 +174,11 @@ def main(argv):
     # Properties given on the command line reach the per-machine install only when secure.
     queries = ["UPDATE `Property` SET `Value` = %s WHERE `Property` = 'SecureCustomProperties'"
                % sql_text(";".join(["WIX_DOWNGRADE_DETECTED", "WIX_UPGRADE_DETECTED"] + VENDOR_PROPERTIES))]
+    # The Ostrum folders are created, and removed again when empty, by the standard folder actions.
+    queries += ["INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('RemoveFolders', 3600)",
+                "INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('CreateFolders', 3700)"]
+    for view, cid in (("64", "DllX64"), ("32", "DllX86")):
+        queries.append("INSERT INTO `CreateFolder` (`Directory_`, `Component_`) VALUES ('Ostrum%s', '%s')" % (view, cid))
     programmable = "Software\\Classes\\CLSID\\%s\\Programmable" % CLSID
     for cid in ("DllX64", "DllX86"):
         queries.append("INSERT INTO `Registry` (`Registry`, `Root`, `Key`, `Name`, `Component_`) "

@@ -1,0 +1,113 @@
+#!/usr/bin/env python3
+"""check_msi.py <release folder> <prefix>: msiexec /i installs silently with a vendor's
+configuration, the registry then holds exactly the expected keys, a script creates the
+control by ProgID and gets answers, and msiexec /x removes every key and file it added."""
+import os
+import re
+import sys
+import tempfile
+import time
+
+from pkgtest import CLSID, VERSION, artefact, check, finish, win_path, wine
+
+release, prefix = sys.argv[1:3]
+msi = win_path(artefact(release, ".msi"))
+here = os.path.dirname(os.path.abspath(__file__))
+IID, LIBID, APPID = ("{94CC1F71-0223-4A2A-8890-5A59BA98BB2A}", "{940A9063-F717-4AA7-949A-2E886F0D6F53}",
+                     "{B96603AC-39C0-4E74-A121-889B2C8B41C5}")
+# The installer's own records, and what Wine itself writes meanwhile, are not the product's.
+NOT_OURS = re.compile(r"\\installer(\\|$)|\\currentversion\\uninstall\\|\\control\\video\\|^hkey_current_user\\software\\wine")
+
+
+def expected_keys():
+    tlb = ".".join(VERSION.split(".")[:2])
+    keys = set()
+
+    def add(base, *subkeys):
+        keys.update((base + s).lower() for s in ("",) + subkeys)
+
+    for classes in (r"hkey_local_machine\software\classes", r"hkey_local_machine\software\classes\wow6432node"):
+        add(classes + "\\clsid\\" + CLSID, r"\ProgID", r"\VersionIndependentProgID", r"\Programmable",
+            r"\InprocServer32", r"\TypeLib")
+        add(classes + "\\interface\\" + IID, r"\ProxyStubClsid", r"\ProxyStubClsid32", r"\TypeLib")
+        # Shared by both views; Wine, like Windows, shows them in each.
+        add(classes + "\\appid\\" + APPID)
+        add(classes + "\\typelib\\" + LIBID, "\\" + tlb, "\\%s\\FLAGS" % tlb, "\\%s\\HELPDIR" % tlb,
+            "\\%s\\0" % tlb, "\\%s\\0\\win32" % tlb, "\\%s\\0\\win64" % tlb)
+    add(r"hkey_local_machine\software\classes\TarnSM.TarnSM.1", r"\CLSID")
+    add(r"hkey_local_machine\software\classes\TarnSM.TarnSM", r"\CLSID", r"\CurVer")
+    for software in (r"hkey_local_machine\software", r"hkey_local_machine\software\wow6432node"):
+        add(software + r"\Ostrum", r"\Kestrel", r"\Kestrel\Config", r"\Kestrel\Config\TarnSM",
+            r"\Kestrel\Config\TarnSM\TestVendor", r"\Kestrel\Config\TestVendor", r"\Kestrel\Config\TestVendor\TarnSM",
+            r"\Kestrel\Config\TestVendor\TarnSM\TrustedSigners", r"\Kestrel\Config\TestVendor\TarnSM\TrustedSigners\Org, Inc.",
+            r"\Kestrel\Config\TestVendor\TarnSM\TrustedContainers",
+            r"\Kestrel\Config\TestVendor\TarnSM\TrustedContainers\cscript.exe")
+    add(r"hkey_local_machine\software\Ostrum\TarnSMX", r"\Setup")
+    return keys
+
+
+def snapshot(tmp, name):
+    """(registry keys, files under C:) of the prefix right now."""
+    reg = os.path.join(tmp, name + ".reg")
+    wine(prefix, "regedit", "/E", win_path(reg))
+    text = open(reg, encoding="utf-16").read()
+    keys = {line[1:-1].lower() for line in text.splitlines() if line.startswith("[")}
+    # Wine reaches the 32-bit classes through two names; count each key once.
+    keys = {k.replace(r"\software\wow6432node\classes", r"\software\classes\wow6432node") for k in keys}
+    drive = os.path.join(prefix, "drive_c")
+    files = {os.path.relpath(os.path.join(d, f), drive) for d, _, fs in os.walk(drive) for f in fs}
+    files |= {os.path.relpath(d, drive) + "/" for d, _, _ in os.walk(drive)}
+    files = {f for f in files if not re.search(r"(^windows/temp/|/temp/|^windows/logs/|^windows/installer/)", f.lower())}
+    return {k for k in keys if not NOT_OURS.search(k)}, files
+
+
+def query(key, name=None):
+    out = wine(prefix, "reg", "query", key, *(["/v", name] if name else ["/ve"])).stdout
+    found = re.search(r"\s(REG_\w+)\s+(.*)", out)
+    return found and (found.group(1) + " " + found.group(2).strip())
+
+
+with tempfile.TemporaryDirectory() as tmp:
+    keys0, files0 = snapshot(tmp, "before")
+    started = time.time()
+    run = wine(prefix, "msiexec", "/i", msi, "/qn", "VENDORID=TestVendor", "TRUSTEDSIGNER1=Org, Inc.",
+               "TRUSTEDCONTAINER1=cscript.exe", "DOWNLOADTIMEOUT=2500")
+    print("install: %.1f s" % (time.time() - started))
+    check(run.returncode == 0, "msiexec /i /qn succeeds " + run.stdout.strip())
+    keys1, files1 = snapshot(tmp, "installed")
+    added = keys1 - keys0
+    expected = expected_keys()
+    check(added == expected, "install adds exactly the expected keys; missing %s, unexpected %s"
+          % (sorted(expected - added), sorted(added - expected)))
+    installed = sorted(files1 - files0)
+    check(installed == ["Program Files (x86)/Ostrum/", "Program Files (x86)/Ostrum/TarnSMX/",
+                        "Program Files (x86)/Ostrum/TarnSMX/TarnSMX.dll", "Program Files/Ostrum/",
+                        "Program Files/Ostrum/TarnSMX/", "Program Files/Ostrum/TarnSMX/TarnSMX.dll"],
+          "install adds both DLLs to Program Files: %s" % installed)
+    cls = r"HKLM\Software\Classes\CLSID\%s\InprocServer32" % CLSID
+    check(query(cls) == r"REG_SZ C:\Program Files\Ostrum\TarnSMX\TarnSMX.dll", "64-bit class: 64-bit DLL")
+    check(query(cls.replace("Classes", r"Classes\Wow6432Node"))
+          == r"REG_SZ C:\Program Files (x86)\Ostrum\TarnSMX\TarnSMX.dll", "32-bit class: 32-bit DLL")
+    for software in (r"HKLM\Software", r"HKLM\Software\Wow6432Node"):
+        check(query(software + r"\Ostrum\Kestrel\Config\TarnSM\TestVendor", "TrustedSiteDownloadTimeout")
+              == "REG_DWORD 0x9c4", software + ": the vendor's time-out, a DWORD")
+    answers = wine(prefix, "cscript", "//nologo", win_path(os.path.join(here, "create.js")), "TestVendor")
+    # Not sited: no page; cscript.exe is trusted only through the vendor's container list.
+    check(answers.stdout.split() == ["false", "false", "TestVendor", "true"],
+          "the control answers a script: %r" % answers.stdout.strip())
+    # What the control and the script engine write when they run is theirs, not the installer's.
+    keys_run, files_run = snapshot(tmp, "used")
+    started = time.time()
+    run = wine(prefix, "msiexec", "/x", msi, "/qn")
+    print("uninstall: %.1f s" % (time.time() - started))
+    check(run.returncode == 0, "msiexec /x /qn succeeds " + run.stdout.strip())
+    keys2, files2 = snapshot(tmp, "removed")
+    left = (keys2 - keys0) - (keys_run - keys1)
+    check(left == set(), "uninstall removes every key the install added: %s left" % sorted(left))
+    left = (files2 - files0) - (files_run - files1)
+    check(left == set(), "uninstall removes every file and folder the install added: %s left" % sorted(left))
+    # Wine's msiexec also prunes the container keys that became empty (a fresh 64-bit-only prefix
+    # has no 32-bit classes); it must not take anything else.
+    pruned = {k for k in keys0 - keys2 if not re.search(r"\\wow6432node\\(clsid|interface)$", k)}
+    check(pruned == set(), "uninstall removes nothing it did not add: %s" % sorted(pruned))
+finish()
