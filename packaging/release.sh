@@ -7,6 +7,8 @@
 #   TARN_SIGN_PASS                  password of an encrypted key (optional)
 #   TARN_TIMESTAMP_URL              RFC 3161 time-stamp server; use one for real releases,
 #                                   or the signatures die with the certificate
+#   TARN_DEFAULT_TRUSTED_SIGNERS    the build's default signers ("|"-separated), for a vendor's
+#                                   own build; the product's default otherwise
 # Without an identity (or with --test-cert) everything is signed with a throw-away test
 # certificate, and the output folder and package names say TESTSIGNED.
 set -eu
@@ -58,8 +60,13 @@ EOF
 shout
 
 start=$(date +%s)
+# A vendor's own build names its signers here; otherwise the presets' product default holds.
 for arch in x64 x86; do
-    cmake --preset release-$arch >/dev/null
+    if [ -n "${TARN_DEFAULT_TRUSTED_SIGNERS:-}" ]; then
+        cmake --preset release-$arch -DTARN_DEFAULT_TRUSTED_SIGNERS="$TARN_DEFAULT_TRUSTED_SIGNERS" >/dev/null
+    else
+        cmake --preset release-$arch >/dev/null
+    fi
     cmake --build --preset release-$arch
 done
 

@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs what the build and tests need on Debian, or says what is missing.
 set -eu
-packages="g++ g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 libwine-dev cmake ninja-build doctest-dev osslsigncode openssl python3 clang"
+packages="g++ g++-multilib g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix mingw-w64-tools wine wine64 libwine-dev cmake ninja-build doctest-dev osslsigncode openssl python3 clang wixl msitools gcab"
 missing=""
 for p in $packages; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
