@@ -86,8 +86,8 @@ sign() {  # <in> <out>
     log=$(osslsigncode sign "$@" -in "$in" -out "$signed" 2>&1) || { echo "$log" >&2; exit 1; }
 }
 
-sign build/release/x64/TarnSM/TarnSMX.dll "$out/x64/TarnSMX.dll"
-sign build/release/x86/TarnSM/TarnSMX.dll "$out/x86/TarnSMX.dll"
+sign build/release-x64/TarnSM/TarnSMX.dll "$out/x64/TarnSMX.dll"
+sign build/release-x86/TarnSM/TarnSMX.dll "$out/x86/TarnSMX.dll"
 
 # The CAB: both DLLs under distinct names, and the INF that picks one by the host's bitness.
 sed "s/@VERSION_COMMAS@/$commas/g" packaging/TarnSMX.inf.in >"$stage/cab/TarnSMX.inf"
