@@ -102,14 +102,14 @@ std::string SignerOfFirstEntry(HANDLE file, const std::wstring& fileName, const 
     std::vector<char> commonName = AllocateOrThrow(nameSize, "pszCertCN");
     ExtractX500Name(subject.data(), "2.5.4.3", commonName.data(), nameSize);
 
-    // The text form narrows look-alike letters into plain ones and ends a name at a zero;
-    // the name counts only when the decoded subject's own common name says exactly the same.
+    // The text form narrows look-alike letters into plain ones and ends a name at a zero,
+    // and another attribute's value can imitate a common name in it: the name that counts
+    // is the decoded subject's own common-name attribute, and only in its exact form.
     std::string exact;
     if (Authenticode::SubjectCommonName(subjectBlob->pbData, subjectBlob->cbData, exact) !=
-            Authenticode::NameResult::Found ||
-        exact != commonName.data()) {
+        Authenticode::NameResult::Found) {
         TarnLog::Log(kClass, 1,
-                     "%s - Signer common name in %S is not exactly %s (a look-alike, a zero inside or a forged attribute). It matches no trusted signer.",
+                     "%s - Signer common name in %S is not exactly %s (a look-alike or a zero inside). It matches no trusted signer.",
                      operation, fileName.c_str(), commonName.data());
         return std::string();
     }
