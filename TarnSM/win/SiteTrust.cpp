@@ -45,10 +45,9 @@ bool ChooseSigners(NameList& signers)
                          vendorId.c_str());
         }
     }
-    if (!LoadDefaultTrustedSigners())
-        FAIL(1, "IsCurrentSiteTrustedInternal: Failed to determine list of Root Trusted Signers, which are required to verify that we can trust the data file, and therefore we cannot trust any site.");
-    signers = DefaultTrustedSigners();
-    // An empty list would accept any validly signed file; it trusts no file instead.
+    if (LoadDefaultTrustedSigners())
+        signers = DefaultTrustedSigners();
+    // An empty default list would accept any validly signed file; it trusts no file instead.
     if (signers.empty())
         FAIL(1, "IsCurrentSiteTrustedInternal: Failed to determine list of Root Trusted Signers, which are required to verify that we can trust the data file, and therefore we cannot trust any site.");
     return true;
