@@ -59,16 +59,19 @@ bool ReadAttribute(const char* p, Attribute& a)
         a.valueEnd = q;
         rest = *q == '"' ? q + 1 : q;
     } else {
+        // An unquoted value ends at "," between components and at "+" between the
+        // attributes of one component: read past a "+", a quoted value of the next
+        // attribute could pass its own text off as an attribute of its own.
         a.valueBegin = v;
-        const char* comma = std::strchr(v, ',');
-        a.valueEnd = comma != nullptr ? comma : v + std::strlen(v);
+        const char* end = std::strpbrk(v, ",+");
+        a.valueEnd = end != nullptr ? end : v + std::strlen(v);
         while (a.valueEnd > a.valueBegin && IsBlank(a.valueEnd[-1]))
             --a.valueEnd;
-        rest = comma != nullptr ? comma : a.valueEnd;
+        rest = end != nullptr ? end : a.valueEnd;
     }
 
-    const char* comma = std::strchr(rest, ',');
-    a.next = comma != nullptr ? comma + 1 : rest + std::strlen(rest);
+    const char* separator = std::strpbrk(rest, ",+");
+    a.next = separator != nullptr ? separator + 1 : rest + std::strlen(rest);
     return true;
 }
 

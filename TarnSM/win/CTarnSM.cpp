@@ -166,8 +166,9 @@ STDMETHODIMP CTarnSM::get_TrustedSiteDataFileURL(BSTR* p_pbstrTrustSiteURL)
 STDMETHODIMP CTarnSM::put_VendorID(BSTR value)
 {
     return RunGuarded("put_VendorID", [&] {
-        TarnUtils::UniqueBstr copy(value == nullptr ? nullptr : CopyBstrOrThrow(value, ::SysStringLen(value)));
-        SetVendorId(TarnUtils::BstrToAnsi(copy.Get()));
+        // Text outside the ANSI code page is kept as a vendor that names no key: the page
+        // gets the unknown-vendor fallback, not an error.
+        SetVendorIdText(value == nullptr ? std::wstring() : std::wstring(value, ::SysStringLen(value)));
         return S_OK;
     });
 }
@@ -176,7 +177,7 @@ STDMETHODIMP CTarnSM::get_VendorID(BSTR* p_pbstrVendorID)
 {
     return RunGuarded("get_VendorID", [&] {
         CheckOutputPointer("get_VendorID", p_pbstrVendorID);
-        const std::wstring wide = TarnUtils::AnsiToWide(GetVendorId());
+        const std::wstring wide = GetVendorIdText();
         *p_pbstrVendorID = CopyBstrOrThrow(wide.c_str(), static_cast<UINT>(wide.size()));
         return S_OK;
     });

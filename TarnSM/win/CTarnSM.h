@@ -73,8 +73,10 @@ public:
     bool IsCurrentContainerTrustedInternal(const std::string& altTrustList);
 
     // Site discovery: what the hosting browser says about the page.
-    bool GetCurrentSiteURLAndZone(std::string& url, DWORD& zone);
-    bool GetCurrentSiteAvailableAndLocal(bool& available, bool& local);
+    // `unreadable` (when given) is set when the browser told the page's location but the
+    // URL or its zone cannot be read: there is a page, only not one the control can judge.
+    bool GetCurrentSiteURLAndZone(std::string& url, DWORD& zone, bool* unreadable = nullptr);
+    bool GetCurrentSiteAvailableAndLocal(bool& available, bool& local, bool& unreadable);
     bool GetCurrentSiteDomainAndScheme(std::string& domain, std::string& scheme);
 
     // The TrustedSiteDataFileURL property as stored (may be null).

@@ -51,23 +51,6 @@ DWORD HostModulePath(std::string& path)
     return length;
 }
 
-// `text` in the ANSI code page, false unless every character has an exact counterpart.
-bool ExactAnsi(const wchar_t* text, DWORD length, std::string& narrow)
-{
-    narrow.clear();
-    if (length == 0)
-        return true;
-    BOOL lossy = FALSE;
-    const int size = ::WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, text, static_cast<int>(length), nullptr, 0,
-                                           nullptr, &lossy);
-    if (size <= 0 || lossy)
-        return false;
-    narrow.assign(static_cast<size_t>(size), '\0');
-    return ::WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, text, static_cast<int>(length), &narrow[0], size,
-                                 nullptr, &lossy) == size &&
-           !lossy;
-}
-
 bool IsContainerDynamicallyTrustedRightNow()
 {
     TarnMT::AutoCriticalSection guard(&g_state.lock);
@@ -86,11 +69,11 @@ bool IsContainerDynamicallyTrustedRightNow()
     const std::wstring widePath = TarnUtils::AnsiToWide(path);
     const std::wstring pid = std::to_wstring(static_cast<unsigned long>(::GetCurrentProcessId()));
 
+    // The grant is consumed by the first query that finds it, and honoured only when it
+    // was removed; the process keeps its trust.
     TarnSys::DynamicProcessTrust table;
-    if (!table.IsTrustedProcess(pid, widePath))
+    if (!table.ConsumeTrustedProcess(pid, widePath))
         return false;
-    // The grant is consumed by the first query that finds it; the process keeps its trust.
-    table.ClearTrustedProcess(pid, widePath);
     g_state.dynamicallyTrusted = true;
     TarnLog::Log(kControlClass, 3, "IsContainerDynamicallyTrustedRightNow: Current container is dynamically trusted.");
     return true;
@@ -153,11 +136,15 @@ bool LoadVendorTrustedContainers(const std::string& vendorId, NameList& list)
         if (::RegEnumKeyExW(key.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
             break;
         // The narrow registry call would turn look-alike letters into plain ones (U+FF34
-        // into "T"); a name the code page cannot hold exactly names no executable here.
+        // into "T"). A name the code page cannot hold exactly stays in the list as an entry
+        // that matches no executable: dropping it could empty the vendor's list and bring
+        // back the built-in one.
         std::string narrow;
-        if (!ExactAnsi(name, length < 260 ? length : 0, narrow)) {
+        if (!TarnUtils::TryWideToAnsi(name, length < 260 ? length : 0, narrow)) {
             TarnLog::Log(kControlClass, 2,
-                         "LoadVendorTrustedContainers: Ignoring a trusted container name that the ANSI code page cannot represent exactly.");
+                         "LoadVendorTrustedContainers: Trusted container name %u of the vendor has no exact ANSI form; it matches no container.",
+                         static_cast<unsigned>(index));
+            names.emplace_back();
             continue;
         }
         std::string lower = ContainerName(narrow);
@@ -188,7 +175,13 @@ bool CTarnSM::IsCurrentContainerTrustedInternal(const std::string& altTrustList)
 {
     bool available = false;
     bool local = false;
-    GetCurrentSiteAvailableAndLocal(available, local);
+    bool unreadable = false;
+    GetCurrentSiteAvailableAndLocal(available, local, unreadable);
+    if (unreadable) {
+        TarnLog::Log(kControlClass, 1,
+                     "IsCurrentContainerTrustedInternal: Current site's URL or security zone cannot be read. Container trust cannot be determined.");
+        return false;
+    }
     if (available && !local) {
         TarnLog::Log(kControlClass, 3,
                      "IsCurrentContainerTrustedInternal: Current site is available and is remote. Container trust is not supported in this scenario.");
@@ -205,10 +198,11 @@ bool CTarnSM::IsCurrentContainerTrustedInternal(const std::string& altTrustList)
 
     NameList candidates;
     candidates.reserve(10);
-    const std::string vendorId = GetVendorId();
+    const VendorId vendor = GetVendor();
+    const std::string& vendorId = vendor.name;
     bool vendorValid = false;
     if (!vendorId.empty()) {
-        if (IsValidVendorID(vendorId)) {
+        if (IsValidVendorID(vendor)) {
             vendorValid = true;
             if (!LoadVendorTrustedContainers(vendorId, candidates)) {
                 TarnLog::Log(kControlClass, 2,

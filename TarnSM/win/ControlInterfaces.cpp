@@ -6,7 +6,6 @@
 #include "TarnSM/win/ScriptBoundary.h"
 #include "TarnSM/win/SiteCache.h"
 #include "TarnSM/win/VendorId.h"
-#include "TarnUtils/win/StringConvert.h"
 
 namespace TarnSMX {
 namespace {
@@ -82,7 +81,7 @@ STDMETHODIMP CTarnSM::Save(IPropertyBag* bag, BOOL clearDirty, BOOL)
             return hr;
         ScopedVariant vendor;
         V_VT(&vendor.value) = VT_BSTR;
-        V_BSTR(&vendor.value) = ::SysAllocString(TarnUtils::AnsiToWide(GetVendorId()).c_str());
+        V_BSTR(&vendor.value) = ::SysAllocString(GetVendorIdText().c_str());
         hr = bag->Write(kPropertyMap[1].name, &vendor.value);
         if (SUCCEEDED(hr) && clearDirty)
             m_dirty = false;

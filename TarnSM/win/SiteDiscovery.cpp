@@ -32,9 +32,12 @@ HRESULT ParseUrl(const std::wstring& url, PARSEACTION action, std::wstring& out)
 
 } // namespace
 
-bool CTarnSM::GetCurrentSiteURLAndZone(std::string& url, DWORD& zone)
+bool CTarnSM::GetCurrentSiteURLAndZone(std::string& url, DWORD& zone, bool* unreadable)
 {
     url.clear();
+    bool ignored = false;
+    bool& pageUnreadable = unreadable != nullptr ? *unreadable : ignored;
+    pageUnreadable = false;
     ComPtr<IServiceProvider> provider;
     if (m_site)
         m_site->QueryInterface(IID_PPV_ARGS(&provider));
@@ -60,6 +63,9 @@ bool CTarnSM::GetCurrentSiteURLAndZone(std::string& url, DWORD& zone)
                      static_cast<unsigned>(hr));
         return false;
     }
+    // From here on the browser has named a page: a failure below means a page the control
+    // cannot judge, which must never pass for "no page". (An empty location names none.)
+    pageUnreadable = ::SysStringLen(location.Get()) > 0;
     try {
         url = TarnUtils::BstrToAnsi(location.Get());
     } catch (const TarnBase::StringConversionException&) {
@@ -98,6 +104,7 @@ bool CTarnSM::GetCurrentSiteURLAndZone(std::string& url, DWORD& zone)
                      static_cast<unsigned>(hr));
         return false;
     }
+    pageUnreadable = false;
     return true;
 }
 
@@ -105,8 +112,14 @@ bool CTarnSM::IsCurrentSiteAvailableInternal()
 {
     std::string url;
     DWORD zone = 0;
-    if (GetCurrentSiteURLAndZone(url, zone)) {
+    bool unreadable = false;
+    if (GetCurrentSiteURLAndZone(url, zone, &unreadable)) {
         TarnLog::Log(kControlClass, 3, "IsCurrentSiteAvailableInternal: Found current site: %s.", url.c_str());
+        return true;
+    }
+    if (unreadable) {
+        TarnLog::Log(kControlClass, 3,
+                     "IsCurrentSiteAvailableInternal: Current site is present, but its URL or security zone cannot be read.");
         return true;
     }
     TarnLog::Log(kControlClass, 3, "IsCurrentSiteAvailableInternal: Failed to get current site URL.");
@@ -127,13 +140,14 @@ bool CTarnSM::IsCurrentSiteLocalInternal()
     return false;
 }
 
-bool CTarnSM::GetCurrentSiteAvailableAndLocal(bool& available, bool& local)
+bool CTarnSM::GetCurrentSiteAvailableAndLocal(bool& available, bool& local, bool& unreadable)
 {
     std::string url;
     DWORD zone = 0;
     available = false;
     local = false;
-    if (!GetCurrentSiteURLAndZone(url, zone)) {
+    if (!GetCurrentSiteURLAndZone(url, zone, &unreadable)) {
+        available = unreadable;
         TarnLog::Log(kControlClass, 3, "GetCurrentSiteAvailableAndLocal: Failed to get current site URL and zone.");
         return false;
     }

@@ -28,9 +28,10 @@ namespace {
 bool ChooseSigners(NameList& signers)
 {
     signers.clear();
-    const std::string vendorId = GetVendorId();
+    const VendorId vendor = GetVendor();
+    const std::string& vendorId = vendor.name;
     if (!vendorId.empty()) {
-        if (IsValidVendorID(vendorId)) {
+        if (IsValidVendorID(vendor)) {
             if (!LoadVendorTrustedSigners(vendorId, signers)) {
                 TarnLog::Log(kControlClass, 2, "IsCurrentSiteTrustedInternal: Failed to load trusted signer list for Vendor: %s.",
                              vendorId.c_str());
@@ -44,9 +45,11 @@ bool ChooseSigners(NameList& signers)
                          vendorId.c_str());
         }
     }
-    if (!LoadDefaultTrustedSigners())
+    if (LoadDefaultTrustedSigners())
+        signers = DefaultTrustedSigners();
+    // An empty default list would accept any validly signed file; it trusts no file instead.
+    if (signers.empty())
         FAIL(1, "IsCurrentSiteTrustedInternal: Failed to determine list of Root Trusted Signers, which are required to verify that we can trust the data file, and therefore we cannot trust any site.");
-    signers = DefaultTrustedSigners();
     return true;
 }
 
@@ -90,6 +93,17 @@ bool CTarnSM::IsCurrentSiteTrustedInternal()
         if (!DownloadFile(downloadUrl, narrowTempPath))
             FAIL(1, "IsCurrentSiteTrustedInternal: Failed to download Trusted Site Data File.");
 
+        // Held from before the signature check until the lists are read: the temporary
+        // folder is writable by the page's own processes, and a file swapped between the
+        // check and the read would have unsigned lists believed and cached.
+        TarnBase::UniqueFile held = HoldForReading(tempPath);
+        if (!held) {
+            TarnLog::Log(kControlClass, 1,
+                         "IsCurrentSiteTrustedInternal: Failed to hold the downloaded Trusted Site Data File for checking. GetLastError: %u.",
+                         static_cast<unsigned>(::GetLastError()));
+            return false;
+        }
+
         NameList signers;
         if (!ChooseSigners(signers))
             return false;
@@ -102,6 +116,7 @@ bool CTarnSM::IsCurrentSiteTrustedInternal()
         if (!ReadTrustDataFile(SchemeCode(scheme), narrowTempPath, downloadUrl, siteSigners, trusted, denied))
             FAIL(1, "IsCurrentSiteTrustedInternal: Failed to read trust data file. Cannot determine trust.");
 
+        held.Reset();
         ::DeleteFileA(narrowTempPath.c_str());
         if (!trusted.empty() || !denied.empty() || !siteSigners.empty())
             CacheSiteInfo(downloadUrl, siteSigners, trusted, denied, schemeCode);

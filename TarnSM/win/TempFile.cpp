@@ -42,4 +42,10 @@ std::wstring CreateUniqueTempFile(const wchar_t* prefix)
     return path;
 }
 
+TarnBase::UniqueFile HoldForReading(const std::wstring& path)
+{
+    return TarnBase::UniqueFile(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                              FILE_ATTRIBUTE_NORMAL, nullptr));
+}
+
 } // namespace TarnSMX

@@ -31,41 +31,9 @@ struct CoTaskMemDeleter {
 };
 using CoTaskString = std::unique_ptr<wchar_t, CoTaskMemDeleter>;
 
-// Text for a log record only: never throws, unmappable characters become '?'.
 std::string ForLog(const std::wstring& text)
 {
-    if (text.empty())
-        return std::string();
-    const int length = static_cast<int>(text.size());
-    const int needed = ::WideCharToMultiByte(CP_ACP, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
-    if (needed <= 0)
-        return std::string();
-    std::string narrow(static_cast<size_t>(needed), '\0');
-    ::WideCharToMultiByte(CP_ACP, 0, text.data(), length, &narrow[0], needed, nullptr, nullptr);
-    return narrow;
-}
-
-// A URL that only survives the ANSI code page with '?' in place of a character would name
-// another resource ('?' starts a query), so such a URL is refused rather than narrowed.
-bool ToAnsiExactly(const wchar_t* text, std::string& narrow)
-{
-    narrow.clear();
-    const int length = static_cast<int>(wcslen(text));
-    if (length == 0)
-        return true;
-    const UINT codePage = ::GetACP();
-    // UTF-7 and UTF-8 refuse the "default character used" report; they map every character.
-    const bool canLose = codePage != CP_UTF7 && codePage != CP_UTF8;
-    const DWORD flags = canLose ? WC_NO_BEST_FIT_CHARS : 0;
-    BOOL usedDefault = FALSE;
-    const int needed = ::WideCharToMultiByte(codePage, flags, text, length, nullptr, 0, nullptr,
-                                             canLose ? &usedDefault : nullptr);
-    if (needed <= 0 || usedDefault)
-        return false;
-    narrow.assign(static_cast<size_t>(needed), '\0');
-    return ::WideCharToMultiByte(codePage, flags, text, length, &narrow[0], needed, nullptr,
-                                 canLose ? &usedDefault : nullptr) == needed &&
-           !usedDefault;
+    return TarnUtils::WideToAnsiForLog(text.c_str(), text.size());
 }
 
 // The page's data file map keeps the first control's name: a later control's property
@@ -80,9 +48,9 @@ void PublishWithoutOverwrite(const CTarnSM& control, const std::string& pageUrl)
 DWORD DownloadTimeout()
 {
     std::string keyPath = kTimeoutKey;
-    const std::string vendorId = GetVendorId();
-    if (!vendorId.empty() && IsValidVendorID(vendorId))
-        keyPath += "\\" + vendorId;
+    const VendorId vendor = GetVendor();
+    if (IsValidVendorID(vendor))
+        keyPath += "\\" + vendor.name;
 
     DWORD timeout = kDefaultTimeoutMs;
     TarnBase::UniqueRegKey key;
@@ -157,7 +125,9 @@ std::string GetTrustedSiteDownloadURL(CTarnSM& control, const std::string& pageU
         return downloadUrl;
     }
 
-    if (!ToAnsiExactly(name.get(), downloadUrl)) {
+    // A URL that only survives the ANSI code page with '?' in place of a character would
+    // name another resource ('?' starts a query), so such a URL is refused, not narrowed.
+    if (!TarnUtils::TryWideToAnsi(name.get(), wcslen(name.get()), downloadUrl)) {
         TarnLog::Log(kControlClass, 2,
                      "GetTrustedSiteDownloadURL: URL has characters outside the ANSI code page; not downloading: %s.",
                      ForLog(name.get()).c_str());

@@ -27,7 +27,13 @@ bool LoadResourceString(HMODULE module, UINT id, std::string& text)
     const int length = ::LoadStringW(module, id, reinterpret_cast<LPWSTR>(&resource), 0);
     if (length <= 0 || resource == nullptr)
         return false;
-    text = TarnUtils::WideToAnsi(resource, static_cast<size_t>(length));
+    // Not narrowed leniently (a look-alike would become a listed name), and no exception:
+    // a data file's optional signer list with such a character must not end the check.
+    if (!TarnUtils::TryWideToAnsi(resource, static_cast<size_t>(length), text)) {
+        TarnLog::Log(kControlClass, 2,
+                     "LoadResourceString: String %u has characters outside the ANSI code page. It is not used.", id);
+        return false;
+    }
     return !text.empty();
 }
 

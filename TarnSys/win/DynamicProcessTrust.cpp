@@ -329,6 +329,24 @@ bool DynamicProcessTrust::ClearTrustedProcess(const std::wstring& pid, const std
     return false;
 }
 
+bool DynamicProcessTrust::ConsumeTrustedProcess(const std::wstring& pid, const std::wstring& appPath)
+{
+    if (!m_valid) {
+        TarnLog::Log(kClass, 1, "IsTrustedProcess(): Error - Object is invalid.");
+        TARN_THROW(kClass, kSource, TarnBase::InvalidObjectException);
+    }
+    try {
+        // The mutex is re-entrant: the query and the clear take it again without waiting.
+        TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
+        return IsTrustedProcess(pid, appPath) && ClearTrustedProcess(pid, appPath);
+    } catch (const TarnBase::BaseException& e) {
+        TarnLog::Log(kClass, 1, "IsTrustedProcess():  Exception - %S.", e.GetErrorId().c_str());
+    } catch (...) {
+        TarnLog::Log(kClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kSource, __LINE__);
+    }
+    return false;
+}
+
 GrantResult DynamicProcessTrust::GrantProcess(const std::wstring& pid, const std::wstring& appPath, uint32_t* index)
 {
     if (!m_valid) {

@@ -68,6 +68,11 @@ public:
     // Removes the grant of `pid` when its stored path is `appPath`.
     bool ClearTrustedProcess(const std::wstring& pid, const std::wstring& appPath);
 
+    // The two above under one hold of the table's mutex: true only when the grant was found
+    // and removed, so that a grant is honoured once or not at all (never left behind for a
+    // later process with the same identifier and path). One bounded wait for the mutex.
+    bool ConsumeTrustedProcess(const std::wstring& pid, const std::wstring& appPath);
+
     // Writer side, for the tools that grant trust. Throw InvalidObjectException on an
     // invalid object and AutoLockTimeoutException when the mutex stays held elsewhere.
     GrantResult GrantProcess(const std::wstring& pid, const std::wstring& appPath, uint32_t* index = nullptr);

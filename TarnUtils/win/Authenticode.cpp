@@ -101,10 +101,76 @@ std::string SignerOfFirstEntry(HANDLE file, const std::wstring& fileName, const 
     }
     std::vector<char> commonName = AllocateOrThrow(nameSize, "pszCertCN");
     ExtractX500Name(subject.data(), "2.5.4.3", commonName.data(), nameSize);
-    return std::string(commonName.data());
+
+    // The text form narrows look-alike letters into plain ones and ends a name at a zero,
+    // and another attribute's value can imitate a common name in it: the name that counts
+    // is the decoded subject's own common-name attribute, and only in its exact form.
+    std::string exact;
+    if (Authenticode::SubjectCommonName(subjectBlob->pbData, subjectBlob->cbData, exact) !=
+        Authenticode::NameResult::Found) {
+        TarnLog::Log(kClass, 1,
+                     "%s - Signer common name in %S is not exactly %s (a look-alike or a zero inside). It matches no trusted signer.",
+                     operation, fileName.c_str(), commonName.data());
+        return std::string();
+    }
+    return exact;
+}
+
+// Wide values decoded from a certificate name come with their length; whether that length
+// counts the terminator differs between platforms, so it is measured once on a known value.
+// If it cannot be measured, none is assumed: a name then looks as if it held a zero and
+// matches nothing.
+size_t DecodedTerminatorUnits()
+{
+    static const size_t units = [] {
+        wchar_t probe[] = L"A";
+        CERT_RDN_ATTR attribute{const_cast<char*>(szOID_COMMON_NAME), CERT_RDN_UTF8_STRING,
+                                {sizeof(wchar_t), reinterpret_cast<BYTE*>(probe)}};
+        CERT_RDN rdn{1, &attribute};
+        CERT_NAME_INFO name{1, &rdn};
+        BYTE encoded[64];
+        DWORD encodedSize = sizeof encoded;
+        CERT_NAME_INFO* decoded = nullptr;
+        DWORD decodedSize = 0;
+        if (!::CryptEncodeObjectEx(kEncoding, X509_UNICODE_NAME, &name, 0, nullptr, encoded, &encodedSize) ||
+            !::CryptDecodeObjectEx(kEncoding, X509_UNICODE_NAME, encoded, encodedSize, CRYPT_DECODE_ALLOC_FLAG, nullptr,
+                                   &decoded, &decodedSize))
+            return size_t{0};
+        TarnBase::UniqueLocal owner(decoded);
+        const DWORD bytes = decoded->rgRDN[0].rgRDNAttr[0].Value.cbData;
+        return bytes == 2 * sizeof(wchar_t) ? size_t{1} : size_t{0};
+    }();
+    return units;
 }
 
 } // namespace
+
+Authenticode::NameResult Authenticode::SubjectCommonName(const unsigned char* encoded, size_t size, std::string& name)
+{
+    name.clear();
+    // Decoded as wide text: every string type of the certificate comes out as UTF-16 with
+    // its length, zeros included.
+    CERT_NAME_INFO* decoded = nullptr;
+    DWORD decodedSize = 0;
+    if (encoded == nullptr || size == 0 || size > MAXDWORD ||
+        !::CryptDecodeObjectEx(kEncoding, X509_UNICODE_NAME, encoded, static_cast<DWORD>(size),
+                               CRYPT_DECODE_ALLOC_FLAG, nullptr, &decoded, &decodedSize))
+        return NameResult::Absent;
+    TarnBase::UniqueLocal owner(decoded);
+    const CERT_RDN_ATTR* attribute = ::CertFindRDNAttr(szOID_COMMON_NAME, decoded);
+    if (attribute == nullptr || attribute->Value.pbData == nullptr)
+        return NameResult::Absent;
+    const auto* text = reinterpret_cast<const wchar_t*>(attribute->Value.pbData);
+    const size_t counted = attribute->Value.cbData / sizeof(wchar_t);
+    const size_t units = counted - std::min(counted, DecodedTerminatorUnits());
+    if (units == 0)
+        return NameResult::Absent;
+    if (std::find(text, text + units, L'\0') != text + units || !TryWideToAnsi(text, units, name)) {
+        name.clear();
+        return NameResult::Inexact;
+    }
+    return NameResult::Found;
+}
 
 bool Authenticode::VerifyAuthenticodeSignature(const std::wstring& fileName)
 {

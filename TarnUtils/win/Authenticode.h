@@ -18,6 +18,13 @@ public:
                                                              const std::vector<std::string>& trustedSigners,
                                                              std::string& signerName);
 
+    // The first common-name attribute of a DER-encoded certificate name, read from the
+    // decoded name rather than its text form. Found: `name` is its exact ANSI form.
+    // Absent: the name has no common name. Inexact: it holds a zero or has no exact ANSI
+    // form (a look-alike of a listed name): it matches no signer.
+    enum class NameResult { Found, Absent, Inexact };
+    static NameResult SubjectCommonName(const unsigned char* encoded, size_t size, std::string& name);
+
     // The subject common name of the signer in the file's first certificate entry, or
     // empty when it cannot be read. For tools that show who signed a file.
     static std::string ReadSignerCommonName(const std::wstring& fileName);

@@ -12,6 +12,9 @@
 #   org: "Org, Inc."         valid, a comma in the name
 #   lowercase: plainsigner   valid, PlainSigner in other letter case
 #   rogue: RogueSigner       valid, issued by the untrusted root
+#   lookalike: U+FF30 "lainSigner"   valid, a full-width look-alike of PlainSigner
+#   forged: O=Org + OU="x, 2.5.4.3=PlainSigner, y", CN=ForgedSigner   valid
+#   tarnsm: TarnSM           valid, named like the control's own configuration key
 # Leaves are issued with SHA-1 on purpose: Wine applies the chain policy (untrusted root,
 # expiry) only to SHA-1-issued leaves, and Windows accepts either.
 set -eu
@@ -115,6 +118,17 @@ make_leaf() {  # <file stem> <ca section> <issuer stem> <extension section> <com
     rm -f "$out/$1.csr"
 }
 
+# A leaf whose whole subject is given, kept as requested (UTF-8, several attributes in one
+# component).
+make_subject_leaf() {  # <file stem> <subject>
+    quiet openssl req -new -newkey rsa:$bits -nodes -keyout "$out/$1.key" -out "$out/$1.csr" \
+        -utf8 -multivalue-rdn -subj "$2" -config "$cnf"
+    quiet openssl ca -batch -config "$cnf" -name trusted_ca -md sha1 -days 3650 -preserveDN \
+        -extensions codesign_ext -in "$out/$1.csr" -out "$out/$1.pem" -notext
+    cp "$out/root.pem" "$out/$1.ca.pem"
+    rm -f "$out/$1.csr"
+}
+
 : >"$out/openssl.log"
 make_root root trusted_ca root TarnTestRoot
 make_root rogue-root rogue_ca rogue TarnRogueRoot
@@ -124,3 +138,6 @@ make_leaf wrongusage trusted_ca root serverauth_ext WrongUsage
 make_leaf org trusted_ca root codesign_ext "Org, Inc."
 make_leaf lowercase trusted_ca root codesign_ext plainsigner
 make_leaf rogue rogue_ca rogue-root codesign_ext RogueSigner
+make_subject_leaf lookalike "/CN=$(printf '\357\274\260')lainSigner"
+make_subject_leaf forged "/O=Org+OU=x, 2.5.4.3=PlainSigner, y/CN=ForgedSigner"
+make_leaf tarnsm trusted_ca root codesign_ext TarnSM

@@ -14,7 +14,7 @@ www="$out/www"
 tarntrust="$build/tools/tarntrust/tarntrust.exe"
 winpath() { printf 'Z:%s' "$1" | tr / '\\'; }
 
-[ -f "$pki/plain.pem" ] || sh "$src/testing/pki/make-pki.sh" "$pki" >/dev/null
+[ -f "$pki/tarnsm.pem" ] || sh "$src/testing/pki/make-pki.sh" "$pki" >/dev/null
 python3 "$src/testing/pki/root-reg.py" "$pki/root.pem" "$pki/root.reg"
 wine regedit /S "$(winpath "$pki/root.reg")"
 
@@ -60,6 +60,9 @@ sign org good "$www/org.dll"
 sign wrongusage good "$www/wrongusage.dll"
 sign lowercase good "$www/lowercase.dll"
 sign rogue good "$www/rogue.dll"
+sign lookalike good "$www/lookalike.dll"
+sign forged good "$www/forged.dll"
+sign tarnsm good "$www/tarnsm.dll"
 sign expired good "$www/expired.dll"
 sign plain emptytrust "$www/emptytrust.dll"
 sign plain nohttps "$www/nohttps.dll"

@@ -34,9 +34,9 @@ const char kAskFunction[] =
     "function ask(f) { try { return String(f()); } catch (e) {"
     " return 'error ' + (e.number >>> 0).toString(16) + ' ' + e.description; } }\n";
 
-// Raises one error record in the page's process: a VendorID that cannot be narrowed to the
-// ANSI code page is refused with a thrown, logged exception.
-const char kErrorLine[] = "host.Echo(ask(function () { TarnSM.VendorID = 'V\\u4e2d\\u6587'; return 'set'; }));\n";
+// Raises one error record in the page's process: an alternative trust list that cannot be
+// narrowed to the ANSI code page is refused with a thrown, logged exception.
+const char kErrorLine[] = "host.Echo(ask(function () { return TarnSM.IsCurrentContainerTrusted('\\u4e2d\\u6587'); }));\n";
 
 struct HostRun {
     TarnTest::ChildResult child;

@@ -1,0 +1,56 @@
+// The downloaded data file as the site check handles it: held so that nobody can swap it
+// between the signature check and the read, and read even when its optional signer list
+// cannot be narrowed.
+#include "TarnSM/TrustDataModule.h"
+#include "TarnSM/win/TempFile.h"
+#include "TarnSM/win/TrustDataFile.h"
+#include "TarnUtils/win/StringConvert.h"
+
+#include <doctest.h>
+
+#include <windows.h>
+
+namespace {
+
+// A new temporary file holding `bytes`; false when it cannot be written.
+bool WriteTempFile(const std::wstring& path, const std::vector<uint8_t>& bytes)
+{
+    TarnBase::UniqueFile file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    DWORD written = 0;
+    return file && ::WriteFile(file.Get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) &&
+           written == bytes.size();
+}
+
+} // namespace
+
+TEST_CASE("a held data file can be read but not written, replaced, renamed or deleted")
+{
+    // String 103 holds U+0080, which the ANSI code page cannot hold exactly.
+    const std::vector<uint8_t> module =
+        TarnSMX::BuildTrustDataModule({{102, "+example.com"}, {103, "SiteSigner\n\x80Signer"}});
+    const std::wstring path = TarnSMX::CreateUniqueTempFile(L"PTI");
+    REQUIRE(WriteTempFile(path, module));
+    const std::wstring moved = path + L".moved";
+    {
+        TarnBase::UniqueFile held = TarnSMX::HoldForReading(path);
+        REQUIRE(held);
+        TarnBase::UniqueFile writer(
+            ::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                          OPEN_EXISTING, 0, nullptr));
+        CHECK_FALSE(writer);
+        CHECK_FALSE(::DeleteFileW(path.c_str()));
+        CHECK_FALSE(::MoveFileExW(path.c_str(), moved.c_str(), MOVEFILE_REPLACE_EXISTING));
+        CHECK_FALSE(WriteTempFile(path, {}));
+
+        // What the check and the read open meanwhile.
+        TarnBase::UniqueFile reader(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                                  0, nullptr));
+        CHECK(reader);
+        TarnSMX::NameList signers, trusted, denied;
+        CHECK(TarnSMX::ReadTrustDataDLL(0, TarnUtils::WideToAnsi(path), signers, trusted, denied));
+        CHECK(trusted == TarnSMX::NameList{"example.com"});
+        CHECK(signers.empty());  // not read, and not the end of the check either
+    }
+    CHECK(::DeleteFileW(path.c_str()));
+    ::DeleteFileW(moved.c_str());
+}
