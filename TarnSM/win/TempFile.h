@@ -9,4 +9,7 @@ namespace TarnSMX {
 // Throws CreateDirException / CreateTempDirException when no folder can be had.
 std::wstring CreateUniqueTempFile(const wchar_t* prefix);
 
+// The folder CreateUniqueTempFile uses; throws as it does.
+std::wstring TemporaryFolder();
+
 } // namespace TarnSMX
