@@ -3,6 +3,11 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#ifdef _WIN32
+#include <io.h>
+#else
+#include <unistd.h>
+#endif
 
 namespace TarnLog {
 
@@ -33,35 +38,65 @@ bool WriteAll(std::FILE* f, const void* data, size_t size)
     return std::fwrite(data, 1, size, f) == size;
 }
 
+bool TruncateToEmpty(std::FILE* f)
+{
+    if (std::fflush(f) != 0)
+        return false;
+#ifdef _WIN32
+    return _chsize(_fileno(f), 0) == 0;
+#else
+    return ftruncate(fileno(f), 0) == 0;
+#endif
+}
+
+// Blanks [from, to) in blocks: the range is at most one file of the writer's own size.
+bool Blank(std::FILE* f, uint32_t from, uint32_t to)
+{
+    static const std::string blanks(4096, ' ');
+    if (std::fseek(f, static_cast<long>(from), SEEK_SET) != 0)
+        return false;
+    for (uint32_t at = from; at < to;) {
+        const size_t part = to - at < blanks.size() ? to - at : blanks.size();
+        if (!WriteAll(f, blanks.data(), part))
+            return false;
+        at += static_cast<uint32_t>(part);
+    }
+    return true;
+}
+
 } // namespace
 
 bool AppendCriticalRecord(const std::string& path, const std::string& text)
 {
     try {
         UniqueStdFile file = OpenForUpdate(path);
-        if (!file)
-            return false;
-        std::FILE* f = file.get();
+        return file && AppendCriticalRecord(file.get(), text);
+    } catch (...) {
+        return false;
+    }
+}
 
+bool AppendCriticalRecord(std::FILE* f, const std::string& text)
+{
+    try {
         uint32_t position = 0;
         if (std::fseek(f, 0, SEEK_SET) != 0 || std::fread(&position, 1, 4, f) != 4)
             position = 0;
         if (std::fseek(f, 0, SEEK_END) != 0)
             return false;
+        // A size the platform cannot even report (2 GiB and more) is too large as well.
         const long sizeOrError = std::ftell(f);
-        if (sizeOrError < 0)
+        const bool oversized = sizeOrError < 0 || static_cast<unsigned long>(sizeOrError) > kCriticalMaxFileSize;
+        if (oversized && !TruncateToEmpty(f))
             return false;
-        const uint32_t size = static_cast<uint32_t>(sizeOrError);
+        const uint32_t size = oversized ? 0 : static_cast<uint32_t>(sizeOrError);
 
         bool restart = false;
-        if (position == 0 || position > size) {
+        if (oversized || position == 0 || position > size) {
             restart = true;  // new file, or a position that points past the end: damaged
         } else if (position >= kCriticalWrapPosition) {
-            if (std::fseek(f, static_cast<long>(position - kCriticalSeparatorLength), SEEK_SET) != 0)
+            if (!Blank(f, position - kCriticalSeparatorLength, size))
                 return false;
-            for (uint32_t at = position - kCriticalSeparatorLength; at < size; ++at)
-                if (std::fputc(' ', f) == EOF)
-                    return false;
             restart = true;
         } else if (position < kCriticalSeparatorLength + 6) {
             restart = true;  // too short to hold a separator

@@ -4,6 +4,7 @@
 // process on the machine and must stay readable whatever a crashed writer left behind.
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -12,10 +13,16 @@ namespace TarnLog {
 extern const char kCriticalSeparator[];            // "$$******SEPARATOR******$$"
 constexpr uint32_t kCriticalSeparatorLength = 25;
 constexpr uint32_t kCriticalWrapPosition = 32500;
+// Larger than any file the writer makes (the wrap point plus one record of at most about
+// 1 KiB): a bigger file is damaged or planted, and is started again from empty rather than
+// blanked byte by byte.
+constexpr uint32_t kCriticalMaxFileSize = kCriticalWrapPosition + 4096;
 
 // Appends one record text at its place in the file at `path`, creating the file when it is
 // missing. Not synchronised: the caller serialises writers of one process.
 bool AppendCriticalRecord(const std::string& path, const std::string& text);
+// The same on a file the caller opened for reading and writing (binary); it stays open.
+bool AppendCriticalRecord(std::FILE* file, const std::string& text);
 
 struct CriticalFileContents {
     bool positionValid = false;

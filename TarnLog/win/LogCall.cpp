@@ -12,14 +12,6 @@
 namespace TarnLog {
 namespace {
 
-void __cdecl OnInvalidParameter(const wchar_t*, const wchar_t*, const wchar_t*, unsigned int, uintptr_t)
-{
-    try {
-        Logger::Instance().Log(kInvalidSequenceClass, 2, kInvalidSequenceMessage);
-    } catch (...) {
-    }
-}
-
 // Only wide conversions depend on the C run time's locale; switching it costs two
 // process-wide locale changes, so it is done only for formats that need it.
 bool HasWideConversion(const char* format)
@@ -71,9 +63,12 @@ void LogV(const char* className, unsigned char level, const char* format, va_lis
         std::string message;
         {
             ScopedAnsiLocale locale(format != nullptr && HasWideConversion(format));
-            const _invalid_parameter_handler previous = _set_invalid_parameter_handler(OnInvalidParameter);
+            // No invalid-parameter handler is swapped in: that handler is the whole host's,
+            // so two threads logging at once could leave ours installed, and the host would
+            // call into this module after it is unloaded. The format is checked before it is
+            // used and the formatter reports a failure by its result, which is what the
+            // record below reports.
             message = FormatMessageText(format, args, invalid);
-            _set_invalid_parameter_handler(previous);
         }
         if (invalid) {
             NotifyObserver(kInvalidSequenceClass, 2, kInvalidSequenceMessage);

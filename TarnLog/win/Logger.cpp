@@ -7,7 +7,9 @@
 #include "TarnLog/Log.h"
 #include "TarnLog/LogRecord.h"
 #include "TarnLog/RingLayout.h"
+#include "TarnLog/win/CriticalFileOpen.h"
 #include "TarnLog/win/LowIntegrity.h"
+#include "TarnBase/win/SharedView.h"
 
 #include <shlobj.h>
 
@@ -21,7 +23,12 @@ const char kRingMutexName[] = "TarnLogger::Logger::Mutex::3.0";
 
 namespace {
 
+// The longest any log call waits for the ring mutex. Any local process can take that
+// mutex and keep it; a host must not freeze for as long as it likes.
 constexpr DWORD kRecordLockTimeoutMs = 1000;
+const char kRingRefusedMessage[] =
+    "Logger::Initialize() - The log map of another process is not committed, not readable or backed by a file; "
+    "records go only to the debugger output and the critical file.";
 
 // The logger is the sink of every library, including the ones it is built on. A record
 // raised while this thread is already inside the logger (a bad slot name, a throw during
@@ -111,14 +118,37 @@ void Logger::ReadConfiguration(bool includeRingSize)
         ReadDword(m_key.Get(), "NumberOfLogEntries", m_ringEntries);
 }
 
-void Logger::Initialize()
-{
-    if (m_initialized)
-        return;
-    TarnMT::AutoLockMutex lock(&m_mutex, INFINITE);
-    if (m_initialized)
-        return;
+// Holds the ring mutex for a scope when it could be had in time.
+class RingLock {
+public:
+    explicit RingLock(TarnMT::Mutex& mutex, bool acquired) : m_mutex(mutex), m_held(acquired) {}
+    ~RingLock()
+    {
+        if (m_held)
+            m_mutex.Release();
+    }
+    RingLock(const RingLock&) = delete;
+    RingLock& operator=(const RingLock&) = delete;
+    bool Held() const { return m_held; }
 
+private:
+    TarnMT::Mutex& m_mutex;
+    bool m_held;
+};
+
+bool Logger::AcquireRing()
+{
+    bool acquired = false;
+    try {
+        acquired = m_mutex.Acquire(m_ringStalled ? 0 : kRecordLockTimeoutMs);
+    } catch (...) {
+    }
+    m_ringStalled = !acquired;
+    return acquired;
+}
+
+void Logger::ReadHostAndConfiguration()
+{
     if (::RegOpenKeyExA(HKEY_CURRENT_USER, kLoggerKeyPath, 0, KEY_READ | KEY_WRITE, m_key.Put()) != ERROR_SUCCESS)
         ::RegCreateKeyExA(HKEY_CURRENT_USER, kLoggerKeyPath, 0, nullptr, 0, KEY_READ | KEY_WRITE, nullptr, m_key.Put(),
                           nullptr);
@@ -131,7 +161,23 @@ void Logger::Initialize()
     const char* slash = std::strrchr(path, '\\');
     m_processName = slash ? slash + 1 : path;
     m_processId = ::GetCurrentProcessId();
+    m_configured = true;
+}
 
+void Logger::Initialize()
+{
+    if (m_initialized)
+        return;
+    TarnMT::AutoCriticalSection setup(&m_setupLock);
+    if (m_initialized)
+        return;
+    if (!m_configured)
+        ReadHostAndConfiguration();
+    // Without the ring mutex the ring waits for a later call; the records of this one still
+    // reach the debugger output and the critical file.
+    RingLock lock(m_mutex, AcquireRing());
+    if (!lock.Held())
+        return;
     if (!MapRing()) {
         ::OutputDebugStringA("Logger::Initialize() - Failed to create log map.");
         // Thrown without the usual throw record: that record would come straight back here.
@@ -167,8 +213,8 @@ bool Logger::MapRing()
         ApplyLowIntegrityLabel(m_mapping.Get());
 
     if (existed) {
-        MEMORY_BASIC_INFORMATION info{};
-        const size_t mapped = ::VirtualQuery(m_view.Get(), &info, sizeof info) ? info.RegionSize : 0;
+        // Only what is committed, readable and not a file may be touched at all.
+        const size_t mapped = TarnBase::UsableViewBytes(m_view.Get());
         const uint32_t count = mapped >= kRingHeaderSize ? Header(m_view.Get())->entryCount : 0;
         size_t needed = 0;
         // A header whose entry count does not fit the mapping was written by a broken or
@@ -179,6 +225,8 @@ bool Logger::MapRing()
             m_ringEntries = count;
             m_viewSize = needed;
             m_cachedGeneration = Header(m_view.Get())->generation - 1;  // forces a first reload
+        } else {
+            m_ringRefused = true;
         }
         return true;
     }
@@ -195,7 +243,6 @@ bool Logger::MapRing()
 void Logger::ReloadConfiguration()
 {
     ReadConfiguration(false);
-    TarnMT::AutoLockMutex lock(&m_mutex, INFINITE);
     m_events.clear();
     if (!m_ringUsable)
         return;
@@ -211,7 +258,11 @@ void Logger::ReloadConfiguration()
         try {
             auto event = std::make_unique<TarnMT::Event>();
             event->Config(TarnBase::MakeKernelObjectName(name, true), SharedObjectAttributes().Get());
-            ApplyLowIntegrityLabel(event->GetHandle());
+            // Any process can name any event in a slot: relabelling an object of someone
+            // else would open it to low-integrity processes. Only our own events get the label.
+            const HANDLE handle = event->GetHandle();
+            if (!event->AlreadyExisted())
+                ApplyLowIntegrityLabel(handle);
             m_events.push_back(std::move(event));
         } catch (...) {
         }
@@ -239,19 +290,29 @@ void Logger::WriteCritical(const std::string& text)
 {
     try {
         TarnMT::AutoCriticalSection guard(&m_criticalLock);
-        bool firstWrite = false;
-        if (m_criticalPath.empty()) {
+        if (m_criticalFolder.empty()) {
             char folder[MAX_PATH] = {};
             if (FAILED(::SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, folder)))
                 return;
-            std::string directory = std::string(folder) + "\\Ostrum";
-            ::CreateDirectoryA(directory.c_str(), nullptr);
-            m_criticalPath = directory + "\\critical.txt";
-            firstWrite = true;
+            m_criticalFolder = std::string(folder) + "\\Ostrum";
         }
-        AppendCriticalRecord(m_criticalPath, text);
-        if (firstWrite)
-            ApplyLowIntegrityLabelByName(m_criticalPath.c_str());
+        if (UniqueStdFile file = OpenCriticalFile(m_criticalFolder))
+            AppendCriticalRecord(file.get(), text);
+    } catch (...) {
+    }
+}
+
+void Logger::WriteTextOutputs(const LogRecord& record)
+{
+    const bool critical = record.level == 0 && m_criticalLogging != 0;
+    if (!critical && m_outputDebugString == 0)
+        return;
+    try {
+        const std::string text = FormatRecordText(record);
+        if (m_outputDebugString != 0 && record.level < m_filterLevel)
+            ::OutputDebugStringA(text.c_str());
+        if (critical)
+            WriteCritical(text);
     } catch (...) {
     }
 }
@@ -271,34 +332,33 @@ void Logger::Log(const char* className, unsigned char level, const char* message
     std::memset(&record, 0, sizeof record);
     record.threadId = ::GetCurrentThreadId();
     record.time = RecordTimeNow();
+    record.processId = m_processId;
+    CopyField(record.processName, sizeof record.processName, m_processName.c_str());
+    if (m_ringRefused.exchange(false)) {
+        record.level = 0;
+        CopyField(record.message, sizeof record.message, kRingRefusedMessage);
+        CopyField(record.className, sizeof record.className, "TarnLogLib");
+        ::OutputDebugStringA(kRingRefusedMessage);
+        WriteTextOutputs(record);
+    }
     record.level = level;
     CopyField(record.message, sizeof record.message, message);
     CopyField(record.className, sizeof record.className, className);
-    record.processId = m_processId;
-    CopyField(record.processName, sizeof record.processName, m_processName.c_str());
 
-    try {
-        TarnMT::AutoLockMutex lock(&m_mutex, kRecordLockTimeoutMs);
-        if (m_ringUsable && Header(m_view.Get())->generation != m_cachedGeneration)
-            ReloadConfiguration();
-        if (level < m_filterLevel && m_ringUsable)
-            WriteToRing(record);
-    } catch (...) {
-        // A ring another process holds for over a second loses this record; the text
-        // outputs below still get it.
+    if (m_initialized) {
+        try {
+            RingLock lock(m_mutex, AcquireRing());
+            if (lock.Held() && m_ringUsable) {
+                if (Header(m_view.Get())->generation != m_cachedGeneration)
+                    ReloadConfiguration();
+                if (level < m_filterLevel)
+                    WriteToRing(record);
+            }
+        } catch (...) {
+            // A ring another process holds loses this record; the text outputs still get it.
+        }
     }
-
-    const bool critical = level == 0 && m_criticalLogging != 0;
-    if (!critical && m_outputDebugString == 0)
-        return;
-    try {
-        const std::string text = FormatRecordText(record);
-        if (m_outputDebugString != 0 && level < m_filterLevel)
-            ::OutputDebugStringA(text.c_str());
-        if (critical)
-            WriteCritical(text);
-    } catch (...) {
-    }
+    WriteTextOutputs(record);
 }
 
 } // namespace TarnLog

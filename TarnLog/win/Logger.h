@@ -8,6 +8,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -32,12 +33,21 @@ private:
     ~Logger();
 
     void ReadConfiguration(bool includeRingSize);
-    void ReloadConfiguration();
+    void ReadHostAndConfiguration();
+    bool AcquireRing();
+    void ReloadConfiguration();  // caller holds the ring mutex
     bool MapRing();
     void WriteToRing(const struct LogRecord& record);
+    void WriteTextOutputs(const struct LogRecord& record);
     void WriteCritical(const std::string& text);
 
-    bool m_initialized = false;
+    std::atomic<bool> m_initialized{false};
+    bool m_configured = false;
+    TarnMT::CriticalSection m_setupLock;
+    // Set when the ring mutex was not had in time: later records try it without waiting
+    // until it is seen free again.
+    std::atomic<bool> m_ringStalled{false};
+    std::atomic<bool> m_ringRefused{false};  // another process's ring could not be used
     std::string m_processName;
     DWORD m_processId = 0;
     TarnBase::UniqueRegKey m_key;
@@ -54,7 +64,7 @@ private:
     std::vector<std::unique_ptr<TarnMT::Event>> m_events;
 
     TarnMT::CriticalSection m_criticalLock;
-    std::string m_criticalPath;
+    std::string m_criticalFolder;
 };
 
 } // namespace TarnLog

@@ -51,21 +51,12 @@ void WithLowLabel(Apply apply)
 
 } // namespace
 
-void ApplyLowIntegrityLabel(HANDLE object)
+void ApplyLowIntegrityLabel(HANDLE object, SE_OBJECT_TYPE type)
 {
-    if (object == nullptr)
+    if (object == nullptr || object == INVALID_HANDLE_VALUE)
         return;
-    WithLowLabel([object](SetSecurityInfoFn setSecurityInfo, SetNamedSecurityInfoFn, PACL acl) {
-        setSecurityInfo(object, SE_KERNEL_OBJECT, LABEL_SECURITY_INFORMATION, nullptr, nullptr, nullptr, acl);
-    });
-}
-
-void ApplyLowIntegrityLabelByName(const char* path)
-{
-    if (path == nullptr)
-        return;
-    WithLowLabel([path](SetSecurityInfoFn, SetNamedSecurityInfoFn setNamed, PACL acl) {
-        setNamed(const_cast<LPSTR>(path), SE_FILE_OBJECT, LABEL_SECURITY_INFORMATION, nullptr, nullptr, nullptr, acl);
+    WithLowLabel([object, type](SetSecurityInfoFn setSecurityInfo, SetNamedSecurityInfoFn, PACL acl) {
+        setSecurityInfo(object, type, LABEL_SECURITY_INFORMATION, nullptr, nullptr, nullptr, acl);
     });
 }
 

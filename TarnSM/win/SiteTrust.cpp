@@ -1,6 +1,7 @@
 // Is the page's domain trusted? Discover the page, fetch its signed trust data file,
 // believe it only when a trusted signer signed it, then match the domain.
 #include "TarnSM/win/CTarnSM.h"
+#include "TarnSM/win/FailedDownloads.h"
 
 #include "TarnSM/SiteList.h"
 #include "TarnSM/win/ScriptBoundary.h"
@@ -83,6 +84,7 @@ bool CTarnSM::IsCurrentSiteTrustedInternal()
         denied.clear();
         siteSigners.clear();
 
+        PruneFailedDownloads(L"PTI");
         const std::wstring tempPath = CreateUniqueTempFile(L"PTI");
         const std::string narrowTempPath = tempPath.empty() ? std::string() : TarnUtils::WideToAnsi(tempPath);
         if (narrowTempPath.empty())

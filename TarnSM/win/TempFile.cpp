@@ -11,6 +11,8 @@ namespace {
 const char kFileManagerClass[] = "TarnUtilsLib::FileManager";
 const char kSource[] = "FileManager";
 
+} // namespace
+
 std::wstring TemporaryFolder()
 {
     wchar_t path[MAX_PATH + 1] = {};
@@ -26,8 +28,6 @@ std::wstring TemporaryFolder()
         TARN_THROW(kFileManagerClass, kSource, TarnUtils::CreateDirException);
     return fallback;
 }
-
-} // namespace
 
 std::wstring CreateUniqueTempFile(const wchar_t* prefix)
 {

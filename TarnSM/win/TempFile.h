@@ -16,4 +16,7 @@ std::wstring CreateUniqueTempFile(const wchar_t* prefix);
 // that are read. Invalid (with the last error set) when the file cannot be held.
 TarnBase::UniqueFile HoldForReading(const std::wstring& path);
 
+// The folder CreateUniqueTempFile uses; throws as it does.
+std::wstring TemporaryFolder();
+
 } // namespace TarnSMX

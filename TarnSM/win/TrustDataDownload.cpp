@@ -23,6 +23,13 @@ constexpr char kTimeoutKey[] = "Software\\Ostrum\\Kestrel\\Config\\TarnSM";
 constexpr char kTimeoutValue[] = "TrustedSiteDownloadTimeout";
 constexpr DWORD kDefaultTimeoutMs = 10000;
 constexpr DWORD kReadBufferSize = 1024;
+// A real data file is well under this: three string tables of at most 65,535 characters
+// and a signature. Anything larger is refused before it can fill the disk.
+constexpr DWORD kMaxDataFileBytes = 1024 * 1024;
+// The whole download may take three times the configured connect time-out, but never less
+// than a few seconds nor more than a few minutes, whatever the registry says.
+constexpr DWORD kMinTotalDeadlineMs = 3000;
+constexpr DWORD kMaxTotalDeadlineMs = 300000;
 constexpr DWORD kUnknownStatus = 999;
 constexpr char kStatusSource[] = "TarnSM";
 
@@ -64,6 +71,52 @@ DWORD DownloadTimeout()
     if (status != ERROR_SUCCESS || type != REG_DWORD)
         timeout = kDefaultTimeoutMs;
     return timeout;
+}
+
+DWORD TotalDeadline(DWORD connectTimeoutMs)
+{
+    const uint64_t total = 3ull * connectTimeoutMs;
+    return static_cast<DWORD>(total < kMinTotalDeadlineMs ? kMinTotalDeadlineMs
+                                                          : total > kMaxTotalDeadlineMs ? kMaxTotalDeadlineMs : total);
+}
+
+// Copies the body into the file until its end, the size cap or the deadline. Each read
+// asks only for what has arrived, so a server that trickles bytes cannot hold one read
+// (and the page's thread) past the deadline.
+bool ReceiveBody(HINTERNET request, HANDLE file, ULONGLONG deadline, DWORD deadlineMs)
+{
+    char buffer[kReadBufferSize];
+    DWORD total = 0;
+    for (;;) {
+        if (::GetTickCount64() > deadline) {
+            TarnLog::Log(kControlClass, 1, "DownloadFile: Download took longer than %u milliseconds; stopped.",
+                         static_cast<unsigned>(deadlineMs));
+            return false;
+        }
+        DWORD available = 0;
+        // A failed read ends the download without a record of its own; the caller sees false.
+        if (!::InternetQueryDataAvailable(request, &available, 0, 0))
+            return false;
+        DWORD read = 0;
+        const DWORD wanted = available == 0 || available > sizeof buffer ? sizeof buffer : available;
+        if (!::InternetReadFile(request, buffer, wanted, &read))
+            return false;
+        if (read == 0)
+            return true;
+        total += read;
+        if (total > kMaxDataFileBytes) {
+            TarnLog::Log(kControlClass, 1, "DownloadFile: Data file is larger than %u bytes; stopped.",
+                         static_cast<unsigned>(kMaxDataFileBytes));
+            return false;
+        }
+        DWORD written = 0;
+        if (!::WriteFile(file, buffer, read, &written, nullptr)) {
+            TarnLog::Log(kControlClass, 1,
+                         "DownloadFile: Failure occurred while writing downloaded data to temporary file. GetLastError: %u.",
+                         static_cast<unsigned>(::GetLastError()));
+            return false;
+        }
+    }
 }
 
 } // namespace
@@ -160,6 +213,8 @@ bool GetHttpStatusCode(DWORD& status, HINTERNET request)
 bool DownloadFile(const std::string& downloadUrl, const std::string& targetPath)
 {
     DWORD timeout = DownloadTimeout();
+    DWORD deadlineMs = TotalDeadline(timeout);
+    const ULONGLONG deadline = ::GetTickCount64() + deadlineMs;
 
     // Declared in this order so that they close file first, then request, then session.
     TarnBase::UniqueInternetHandle session(
@@ -175,6 +230,10 @@ bool DownloadFile(const std::string& downloadUrl, const std::string& targetPath)
     if (!::InternetSetOptionA(session.Get(), INTERNET_OPTION_CONNECT_TIMEOUT, &timeout, sizeof timeout))
         TarnLog::Log(kControlClass, 1, "DownloadFile: Failure calling InternetSetOption. GetLastError: %u.",
                      static_cast<unsigned>(::GetLastError()));
+    // A server that answers nothing at all is bounded by these (where the platform honours
+    // them); one that trickles is bounded by the deadline between reads.
+    ::InternetSetOptionA(session.Get(), INTERNET_OPTION_RECEIVE_TIMEOUT, &deadlineMs, sizeof deadlineMs);
+    ::InternetSetOptionA(session.Get(), INTERNET_OPTION_SEND_TIMEOUT, &deadlineMs, sizeof deadlineMs);
 
     TarnBase::UniqueInternetHandle request(::InternetOpenUrlA(
         session.Get(), downloadUrl.c_str(), nullptr, 0, INTERNET_FLAG_RESYNCHRONIZE | INTERNET_FLAG_NO_UI, 0));
@@ -208,22 +267,7 @@ bool DownloadFile(const std::string& downloadUrl, const std::string& targetPath)
         return false;
     }
 
-    char buffer[kReadBufferSize];
-    for (;;) {
-        DWORD read = 0;
-        // A failed read ends the download without a record of its own; the caller sees false.
-        if (!::InternetReadFile(request.Get(), buffer, sizeof buffer, &read))
-            return false;
-        if (read == 0)
-            return true;
-        DWORD written = 0;
-        if (!::WriteFile(file.Get(), buffer, read, &written, nullptr)) {
-            TarnLog::Log(kControlClass, 1,
-                         "DownloadFile: Failure occurred while writing downloaded data to temporary file. GetLastError: %u.",
-                         static_cast<unsigned>(::GetLastError()));
-            return false;
-        }
-    }
+    return ReceiveBody(request.Get(), file.Get(), deadline, deadlineMs);
 }
 
 } // namespace TarnSMX

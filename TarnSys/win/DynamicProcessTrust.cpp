@@ -2,6 +2,7 @@
 
 #include "TarnBase/KernelObjectName.h"
 #include "TarnBase/Throw.h"
+#include "TarnBase/win/SharedView.h"
 #include "TarnLog/Log.h"
 #include "TarnSys/TrustTable.h"
 #include "TarnUtils/win/CryptoUtils.h"
@@ -142,10 +143,11 @@ bool DynamicProcessTrust::InitMemoryMap()
             result = HRESULT_FROM_WIN32(::GetLastError());
             mapping.Reset();
         } else {
-            // A mapping of this name made smaller by another process must not let a look-up
-            // read past its end.
-            MEMORY_BASIC_INFORMATION region{};
-            if (::VirtualQuery(view.Get(), &region, sizeof region) != sizeof region || region.RegionSize < kTableBytes) {
+            // Another process may have made this name first: smaller, reserved but never
+            // committed, or backed by a file. A look-up must not fault on any of them.
+            if (TarnBase::UsableViewBytes(view.Get()) < kTableBytes) {
+                TarnLog::Log(kClass, 1,
+                             "InitMemoryMap():  Shared memory is smaller than the table, not committed, not readable or backed by a file. Not using it.");
                 result = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
                 view.Reset();
                 mapping.Reset();

@@ -1,0 +1,200 @@
+// What other processes, and the host's own threads, can do to the logger without it
+// crashing, freezing or writing where it should not. The first case needs a machine
+// without a log ring, so it comes first and nothing before it in this program logs.
+#include "LoggerTestSupport.h"
+#include "TarnLog/win/CriticalFileOpen.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <thread>
+
+using namespace LoggerTest;
+
+namespace {
+
+double SecondsOf(const std::function<void()>& run)
+{
+    const auto start = std::chrono::steady_clock::now();
+    run();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+std::string ReadBytes(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// Puts the critical file back as it was.
+struct CriticalFileRestore {
+    std::string path = CriticalFilePath();
+    std::optional<std::string> saved;
+    CriticalFileRestore()
+    {
+        if (::GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES)
+            saved = ReadBytes(path);
+    }
+    ~CriticalFileRestore()
+    {
+        ::DeleteFileA(path.c_str());
+        if (saved)
+            std::ofstream(path, std::ios::binary).write(saved->data(), static_cast<std::streamsize>(saved->size()));
+    }
+};
+
+// Whether the critical file holds a record of process `processId` containing `part`.
+bool CriticalHasFrom(DWORD processId, const std::string& part)
+{
+    char pid[32];
+    std::snprintf(pid, sizeof pid, "[PID: 0x%lx]", static_cast<unsigned long>(processId));
+    for (const auto& record : CriticalRecords())
+        if (record.find(pid) != std::string::npos && record.find(part) != std::string::npos)
+            return true;
+    return false;
+}
+
+const char kRingRefused[] = "not committed, not readable or backed by a file";
+
+void __cdecl SentinelHandler(const wchar_t*, const wchar_t*, const wchar_t*, unsigned int, uintptr_t) {}
+
+} // namespace
+
+TEST_CASE("a log ring squatted as reserved, never committed memory is refused (Wine lets such pages be used where Windows faults)")
+{
+    TarnTest::RingView probe;
+    REQUIRE_MESSAGE(!probe.Open(false), "another process holds the log ring; this case needs the machine to itself");
+    size_t bytes = 0;
+    TarnLog::RingBytes(TarnLog::kDefaultRingEntries, bytes);
+    TarnBase::UniqueHandle squat(::CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE | SEC_RESERVE, 0,
+                                                      static_cast<DWORD>(bytes), TarnTest::RingMappingName().c_str()));
+    REQUIRE(squat);
+    REQUIRE(::GetLastError() != ERROR_ALREADY_EXISTS);
+    TarnBase::UniqueMappedView view(::MapViewOfFile(squat.Get(), FILE_MAP_ALL_ACCESS, 0, 0, 0));
+    REQUIRE(view);
+    // A believable header. Windows would fault on this write and on any reader's; Wine takes
+    // it, which lets the test see whether the logger would have used the pages.
+    TarnLog::RingHeader header{};
+    header.generation = 1;
+    header.entryCount = TarnLog::kDefaultRingEntries;
+    std::memcpy(view.Get(), &header, sizeof header);
+
+    CriticalFileRestore restore;
+    const std::string className = "HostSafety-" + Nonce();
+    const auto run = RunLogWriter({L"--count", L"10", L"--error-every", L"5", L"--class", TarnTest::Widen(className)});
+    CHECK(run.started);
+    CHECK_FALSE(run.timedOut);
+    CHECK(run.exitCode == 0);
+    // Nothing was written into the squatter's pages; the errors and the refusal went to the file.
+    MEMORY_BASIC_INFORMATION region{};
+    REQUIRE(::VirtualQuery(view.Get(), &region, sizeof region) == sizeof region);
+    CHECK(region.State == MEM_RESERVE);
+    CHECK(static_cast<const TarnLog::RingHeader*>(view.Get())->writeCounter == 0);
+    CHECK(CriticalHasFrom(run.processId, className));
+    CHECK(CriticalHasFrom(run.processId, kRingRefused));
+}
+
+TEST_CASE("a ring mutex another process keeps costs a writer one bounded wait, and its errors still reach the file")
+{
+    TarnBase::UniqueHandle mutex(::CreateMutexA(nullptr, FALSE, TarnTest::RingMutexName().c_str()));
+    REQUIRE(mutex);
+    CriticalFileRestore restore;
+    const std::string className = "HostSafety-" + Nonce();
+    TarnTest::ChildResult run;
+    double seconds = 0;
+    {
+        TarnTest::RingMutexHold hold(mutex.Get(), 5000);
+        REQUIRE(hold.Held());
+        // Ten records, each of which would wait for the mutex if the logger kept waiting.
+        seconds = SecondsOf([&] {
+            run = RunLogWriter({L"--count", L"10", L"--error-every", L"5", L"--class", TarnTest::Widen(className)});
+        });
+    }
+    CHECK_FALSE(run.timedOut);
+    CHECK(run.exitCode == 0);
+    CHECK(seconds < 5.0);
+    CHECK(CriticalHasFrom(run.processId, className));
+}
+
+TEST_CASE("two threads logging at once leave the host's invalid-parameter handler as it was")
+{
+    const _invalid_parameter_handler before = _set_invalid_parameter_handler(SentinelHandler);
+    // Long texts keep each call formatting for a while, so the two threads' calls overlap.
+    const std::string longText(100000, 'x');
+    auto logAtOnce = [&longText] {
+        for (int i = 0; i < 200; ++i) {
+            TarnLog::Log("HostSafety", 5, "long %s", longText.c_str());
+            TarnLog::Log("HostSafety", 5, "bad %y format %d", i);
+        }
+    };
+    std::thread first(logAtOnce), second(logAtOnce);
+    first.join();
+    second.join();
+    const bool unchanged = _set_invalid_parameter_handler(before) == SentinelHandler;
+    CHECK(unchanged);
+}
+
+TEST_CASE("an oversized critical file is started again, not blanked byte by byte")
+{
+    CriticalFileRestore restore;
+    {
+        TarnBase::UniqueFile file(::CreateFileA(restore.path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+        REQUIRE(file);
+        const uint32_t position = TarnLog::kCriticalWrapPosition;
+        DWORD written = 0;
+        REQUIRE(::WriteFile(file.Get(), &position, 4, &written, nullptr));
+        LARGE_INTEGER size{};
+        size.QuadPart = 8 * 1024 * 1024;
+        REQUIRE(::SetFilePointerEx(file.Get(), size, nullptr, FILE_BEGIN));
+        REQUIRE(::SetEndOfFile(file.Get()));
+    }
+    const std::string marker = "HostSafety oversized " + Nonce();
+    TarnLog::Log("HostSafety", 0, "%s", marker.c_str());
+    const std::string bytes = ReadBytes(restore.path);
+    CHECK(bytes.size() <= TarnLog::kCriticalMaxFileSize);
+    CHECK(CriticalFileHas(marker));
+}
+
+TEST_CASE("a critical file that is a hard link to another file is not written")
+{
+    CriticalFileRestore restore;
+    char folder[MAX_PATH] = {};
+    ::GetTempPathA(MAX_PATH, folder);
+    const std::string victim = std::string(folder) + "hostsafety-victim-" + Nonce() + ".txt";
+    std::ofstream(victim, std::ios::binary) << "victim";
+    ::DeleteFileA(restore.path.c_str());
+    REQUIRE(::CreateHardLinkA(restore.path.c_str(), victim.c_str(), nullptr));
+    TarnLog::Log("HostSafety", 0, "HostSafety: a record for the linked file.");
+    CHECK(ReadBytes(victim) == "victim");
+    ::DeleteFileA(restore.path.c_str());
+    ::DeleteFileA(victim.c_str());
+}
+
+TEST_CASE("critical file path checks, with the platform's answers injected (Wine reports no reparse point for links)")
+{
+    using TarnLog::PathEntryFacts;
+    constexpr DWORD kFile = FILE_ATTRIBUTE_ARCHIVE;
+    constexpr DWORD kFolder = FILE_ATTRIBUTE_DIRECTORY;
+    constexpr DWORD kLink = FILE_ATTRIBUTE_REPARSE_POINT;
+    struct Row {
+        const char* what;
+        PathEntryFacts facts;
+        bool directory;
+        bool plain;
+    };
+    const Row rows[] = {
+        {"plain file", {kFile, kFile, 1}, false, true},
+        {"plain folder", {kFolder, kFolder, 1}, true, true},
+        {"symbolic link to a file", {kFile | kLink, kFile | kLink, 1}, false, false},
+        {"link seen only by name", {kFile | kLink, kFile, 1}, false, false},
+        {"junction seen only by handle", {kFolder, kFolder | kLink, 1}, true, false},
+        {"hard link", {kFile, kFile, 2}, false, false},
+        {"folder where the file belongs", {kFolder, kFolder, 1}, false, false},
+        {"file where the folder belongs", {kFile, kFile, 1}, true, false},
+        {"gone", {INVALID_FILE_ATTRIBUTES, kFile, 1}, false, false},
+    };
+    for (const Row& row : rows) {
+        CAPTURE(row.what);
+        CHECK(TarnLog::IsPlainEntry(row.facts, row.directory) == row.plain);
+    }
+}

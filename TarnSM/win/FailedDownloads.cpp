@@ -1,0 +1,71 @@
+#include "TarnSM/win/FailedDownloads.h"
+
+#include "TarnSM/win/ScriptBoundary.h"
+#include "TarnSM/win/TempFile.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+namespace TarnSMX {
+namespace {
+
+struct KeptFile {
+    std::wstring path;
+    ULONGLONG written;
+};
+
+std::string ForLog(const std::wstring& text)
+{
+    const int needed = ::WideCharToMultiByte(CP_ACP, 0, text.c_str(), -1, nullptr, 0, nullptr, nullptr);
+    if (needed <= 1)
+        return std::string();
+    std::string narrow(static_cast<size_t>(needed), '\0');
+    ::WideCharToMultiByte(CP_ACP, 0, text.c_str(), -1, &narrow[0], needed, nullptr, nullptr);
+    narrow.resize(static_cast<size_t>(needed - 1));
+    return narrow;
+}
+
+std::vector<KeptFile> KeptFiles(const std::wstring& folder, const wchar_t* prefix)
+{
+    std::vector<KeptFile> files;
+    WIN32_FIND_DATAW found{};
+    const HANDLE search = ::FindFirstFileW((folder + prefix + L"*.tmp").c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE)
+        return files;
+    do {
+        if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
+            files.push_back({folder + found.cFileName, (static_cast<ULONGLONG>(found.ftLastWriteTime.dwHighDateTime) << 32) |
+                                                           found.ftLastWriteTime.dwLowDateTime});
+    } while (::FindNextFileW(search, &found));
+    ::FindClose(search);
+    return files;
+}
+
+} // namespace
+
+void PruneFailedDownloads(const wchar_t* prefix) noexcept
+{
+    try {
+        std::wstring folder = TemporaryFolder();
+        if (!folder.empty() && folder.back() != L'\\')
+            folder += L'\\';
+        std::vector<KeptFile> files = KeptFiles(folder, prefix);
+        if (files.size() < kKeptFailedDownloads)
+            return;
+        std::sort(files.begin(), files.end(), [](const KeptFile& a, const KeptFile& b) { return a.written > b.written; });
+        for (size_t i = kKeptFailedDownloads - 1; i < files.size(); ++i) {
+            const std::string name = ForLog(files[i].path);
+            if (::DeleteFileW(files[i].path.c_str()))
+                TarnLog::Log(kControlClass, 3, "PruneFailedDownloads: Deleted an old failed download: %s.", name.c_str());
+            else
+                TarnLog::Log(kControlClass, 2, "PruneFailedDownloads: Failed to delete an old failed download: %s. GetLastError: %u.",
+                             name.c_str(), static_cast<unsigned>(::GetLastError()));
+        }
+    } catch (...) {
+    }
+}
+
+} // namespace TarnSMX
