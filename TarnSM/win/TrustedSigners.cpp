@@ -88,14 +88,12 @@ bool LoadVendorTrustedSigners(const std::string& vendorId, NameList& signers)
         // plain ASCII and so trust a signer the vendor never named. A name that has no exact
         // ANSI form is kept as an entry no signer can match, so that the vendor's list does
         // not become empty and fall back to the defaults.
-        try {
-            signers.push_back(TarnUtils::WideToAnsi(name, length));
-        } catch (const TarnBase::BaseException&) {
+        std::string narrow;
+        if (!TarnUtils::TryWideToAnsi(name, length, narrow))
             TarnLog::Log(kControlClass, 1,
                          "LoadVendorTrustedSigners: Signer name %u of the vendor has no exact ANSI form; it matches no signer.",
                          static_cast<unsigned>(index));
-            signers.emplace_back();
-        }
+        signers.push_back(std::move(narrow));
     }
     return true;
 }

@@ -16,11 +16,6 @@ std::wstring Set(const std::wstring& assignment)
     return L"host.Echo(ask(function () { " + assignment + L"; return 'set'; }));\n";
 }
 
-bool Logged(const HostPage::HostRun& run, const char* prefix)
-{
-    return run.LoggedStart(prefix);
-}
-
 } // namespace
 
 TEST_CASE("a signer that only looks like a trusted one signs nothing")
@@ -43,7 +38,7 @@ TEST_CASE("a signer that only looks like a trusted one signs nothing")
             HostPage::RunHost(HostPage::PageAt("http://example.com/p.html", server.Url(row.file)), HostPage::SiteQuestion());
         HostPage::CheckSurvived(run);
         CHECK(run.lines == std::vector<std::string>{row.answer});
-        CHECK(Logged(run, kNotExactly) == row.refusedAsInexact);
+        CHECK(run.LoggedStart(kNotExactly) == row.refusedAsInexact);
     }
 }
 
@@ -86,8 +81,8 @@ TEST_CASE("a VendorID outside the ANSI code page is an unknown vendor, not an er
         if (!page.second.empty())
             expected.insert(expected.begin(), "set");
         CHECK(run.lines == expected);
-        CHECK(Logged(run, kInvalidVendor));
-        CHECK_FALSE(Logged(run, "Throwing "));
+        CHECK(run.LoggedStart(kInvalidVendor));
+        CHECK_FALSE(run.LoggedStart("Throwing "));
     }
 }
 
