@@ -2,7 +2,10 @@
 // crashing, freezing or writing where it should not. The first case needs a machine
 // without a log ring, so it comes first and nothing before it in this program logs.
 #include "LoggerTestSupport.h"
+#include "TarnBase/KernelObjectName.h"
 #include "TarnLog/win/CriticalFileOpen.h"
+
+#include <aclapi.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -114,6 +117,33 @@ TEST_CASE("a ring mutex another process keeps costs a writer one bounded wait, a
     CHECK(run.exitCode == 0);
     CHECK(seconds < 5.0);
     CHECK(CriticalHasFrom(run.processId, className));
+}
+
+TEST_CASE("a reader's event that another process made keeps its security (Wine shows a label only as a SACL appearing)")
+{
+    EnsureRing();
+    TarnTest::RingHeaderEditor editor;
+    REQUIRE(editor.IsOpen());
+    const TarnLog::RingHeader saved = editor.Header();
+    const std::string name = "HostSafety." + std::to_string(::GetCurrentProcessId()) + ".5";
+    TarnBase::UniqueHandle event(
+        ::CreateEventA(nullptr, TRUE, FALSE, TarnBase::MakeKernelObjectName(name, true).c_str()));
+    REQUIRE(event);
+    REQUIRE(editor.PublishEvent(5, name));
+    const auto child = RunLogWriter({L"--count", L"1"});
+    CHECK(child.exitCode == 0);
+    CHECK(::WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0);  // the writer did serve it
+    PACL label = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    REQUIRE(::GetSecurityInfo(event.Get(), SE_KERNEL_OBJECT, LABEL_SECURITY_INFORMATION, nullptr, nullptr, nullptr,
+                              &label, &descriptor) == ERROR_SUCCESS);
+    CHECK(label == nullptr);
+    ::LocalFree(descriptor);
+    editor.Edit([&](uint8_t* base, size_t) {
+        std::memcpy(base + 12, saved.slots, sizeof saved.slots);
+        const uint32_t generation = saved.generation + 2;
+        std::memcpy(base, &generation, 4);
+    });
 }
 
 TEST_CASE("two threads logging at once leave the host's invalid-parameter handler as it was")
