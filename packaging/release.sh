@@ -78,7 +78,7 @@ wait $x64 || { cat build/release/build-x64.log >&2; exit 1; }
 echo "release: built x64 and x86 ($(($(date +%s) - start)) s)"
 
 out=$root/build/release/$name
-stage=$root/build/release/stage
+stage=$root/build/release/stage-$name
 rm -rf "$out" "$stage"
 mkdir -p "$out/x64" "$out/x86" "$stage/cab"
 

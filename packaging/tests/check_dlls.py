@@ -18,6 +18,9 @@ for arch, machine in (("x64", "pei-x86-64"), ("x86", "pei-i386")):
     names = {line.split("]")[1].strip() for line in table.splitlines() if "]" in line}
     check(names == exports, "%s DLL exports exactly %s (has %s)" % (arch, sorted(exports), sorted(names)))
     check(pe_version(dll) == VERSION, "%s DLL version %s (has %s)" % (arch, VERSION, pe_version(dll)))
+    data = open(dll, "rb").read()
+    check("Ostrum Code Signing".encode("utf-16-le") in data and "PlainSigner".encode("utf-16-le") not in data,
+          "%s DLL trusts the product's default signers, not the test PKI's" % arch)
 for name in sorted(os.listdir(release)) + ["x64/TarnSMX.dll", "x86/TarnSMX.dll"]:
     if name.endswith((".dll", ".cab", ".msi")):
         out = subprocess.run(["osslsigncode", "verify", "-CAfile", root, "-in", os.path.join(release, name)],
