@@ -41,7 +41,7 @@ fuzz: fuzz-build
 	@testing/fuzz/run-fuzzers.sh build/fuzz $(FUZZ_SECONDS) $(FUZZ_RUNS)
 
 demo: build
-	@testing/demo/demo.sh $(WIN)
+	@demo/demo.sh $(WIN)
 
 clean:
 	@testing/wine-env.sh down $(WIN) 2>/dev/null || true

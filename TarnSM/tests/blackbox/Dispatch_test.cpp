@@ -1,10 +1,10 @@
-#include "BlackBox.h"
+#include "PageHost.h"
 
 #include <doctest.h>
 
 #include <oleauto.h>
 
-using namespace BlackBox;
+using namespace TarnTest;
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "BlackBox.h"
+#include "PageHost.h"
 #include "ChildProcess.h"
 
 #include <doctest.h>
@@ -8,7 +8,7 @@
 
 #include <map>
 
-using namespace BlackBox;
+using namespace TarnTest;
 
 namespace {
 

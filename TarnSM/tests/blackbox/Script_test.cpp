@@ -1,6 +1,6 @@
 // Pages create the control from script with new ActiveXObject; cscript is the script
 // client here.
-#include "BlackBox.h"
+#include "PageHost.h"
 #include "ChildProcess.h"
 
 #include <doctest.h>

@@ -142,31 +142,6 @@ TEST_SUITE("DownloadFile")
         CHECK(Web::Instance().Count(path.substr(0, path.find('?'))) == before + 1);
     }
 
-    TEST_CASE("a redirect is followed by the platform to the file it names")
-    {
-        REQUIRE_WEB();
-        TempDir dir(L"dl");
-        const std::string target = Target(dir, "redirect.tmp");
-        TarnTest::LogCapture capture;
-        SUBCASE("to a file that is there")
-        {
-            const long before = Web::Instance().Count("/dir/three-buffers.bin");
-            CHECK(TarnSMX::DownloadFile(Web::Instance().Url("/elsewhere/x.dll?redirect=/dir/three-buffers.bin"),
-                                        target));
-            std::string got;
-            REQUIRE(ReadBytes(Wide(target), got));
-            CHECK(got == WebFiles::ThreeBuffers());
-            CHECK(Web::Instance().Count("/dir/three-buffers.bin") == before + 1);
-            CHECK(FailureRecords(capture).empty());
-        }
-        SUBCASE("to a file that is not: the final status decides")
-        {
-            CHECK_FALSE(TarnSMX::DownloadFile(Web::Instance().Url("/elsewhere/y.dll?redirect=/dir/gone.dll"), target));
-            CHECK(capture.Has(StatusRecord(404), 1));
-            CHECK_FALSE(FileExists(Wide(target)));
-        }
-    }
-
     TEST_CASE("a body cut short by the server ends like a complete one")
     {
         // The platform reports the closed connection as the end of the data, not as a read

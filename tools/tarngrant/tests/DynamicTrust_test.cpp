@@ -339,10 +339,8 @@ TEST_CASE("a mutex name taken by another kind of object makes the question fail,
 {
     const std::string name = TarnBase::MakeKernelObjectName(TarnSys::kTableMutexName, true);
     TarnBase::UniqueHandle squatter(::CreateEventA(nullptr, TRUE, FALSE, name.c_str()));
-    if (!squatter) {
-        MESSAGE("the table's mutex exists (another process holds it); cannot squat its name now");
-        return;
-    }
+    // These tests run alone, so nothing else may hold the table's mutex now.
+    REQUIRE_MESSAGE(squatter, "the table's mutex exists (another process holds it)");
     HostDirectory dir;
     for (const wchar_t* name : {L"myhost.exe", L"mshta.exe"}) {
         Process host(HostArgs(dir, dir.Host(name), LocalPage()), false);
@@ -359,10 +357,7 @@ TEST_CASE("tarngrant keeps a table nobody else holds until the grant is used")
     {
         TarnSys::DynamicProcessTrust probe;
         REQUIRE(probe.Initialize());
-        if (!probe.CreatedTable()) {
-            MESSAGE("another process holds the table; tarngrant has no reason to hold it");
-            return;
-        }
+        REQUIRE_MESSAGE(probe.CreatedTable(), "another process holds the table");
     }
     SUBCASE("used")
     {
