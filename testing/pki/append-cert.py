@@ -7,7 +7,7 @@
 The new entry is a copy of the first entry of --from (default: of <signed-in> itself), so a
 test can give a file a first signature by one signer and a second by another. Signing tools
 nest further signatures inside the first entry instead; a real second entry has to be made
-by hand. With --empty, <count> entries of a bare 8-byte header are appended instead: a
+by hand. With --empty, <count> entries of a header and 8 zero bytes are appended instead: a
 certificate table claiming thousands of entries. The signature over the image stays valid: the certificate table lies outside the
 signed hash. The PE checksum is recomputed.
 """
@@ -103,8 +103,8 @@ def main(argv):
         with open(donor, "rb") as f:
             source = f.read()
     try:
-        header = struct.pack("<IHH", 8, 0x0200, 0x0002)
-        out = append_entry(data, header * empty if empty else first_entry(source))
+        blank = struct.pack("<IHH", 16, 0x0200, 0x0002) + b"\0" * 8
+        out = append_entry(data, blank * empty if empty else first_entry(source))
     except PeError as e:
         sys.stderr.write("append-cert.py: %s\n" % e)
         return 1
