@@ -7,6 +7,11 @@
 #include "PageHost.h"
 #include "Registry.h"
 #include "Scratch.h"
+#include "TarnBase/KernelObjectName.h"
+#include "TarnSys/TrustTable.h"
+#include "TarnSys/win/DynamicProcessTrust.h"
+
+#include <doctest.h>
 
 #include <atomic>
 #include <string>
@@ -90,6 +95,43 @@ inline TarnTest::ChildResult RunGrant(const std::vector<std::wstring>& args, DWO
 {
     return Process(GrantArgs(args)).Finish(timeoutMs);
 }
+
+// Keeps the table open for a test, the way a running launcher does, and removes every grant
+// the test made when it ends.
+struct Table {
+    TarnSys::DynamicProcessTrust table;
+    std::vector<std::wstring> pids;
+    Table() { REQUIRE(table.Initialize()); }
+    ~Table()
+    {
+        for (const auto& pid : pids)
+            table.RevokeProcess(pid);
+    }
+    bool Holds(DWORD pid)
+    {
+        for (const auto& entry : table.ListProcesses())
+            if (entry.pid == std::to_wstring(pid))
+                return true;
+        return false;
+    }
+};
+
+// The table's bytes, writable, as another process (or an attacker) could write them.
+class TableBytes {
+public:
+    TableBytes()
+        : m_mapping(::OpenFileMappingA(FILE_MAP_ALL_ACCESS, FALSE,
+                                       TarnBase::MakeKernelObjectName(TarnSys::kTableMappingName, false).c_str())),
+          m_view(m_mapping ? ::MapViewOfFile(m_mapping.Get(), FILE_MAP_ALL_ACCESS, 0, 0, TarnSys::kTableBytes) : nullptr)
+    {
+        REQUIRE(m_view);
+    }
+    uint8_t* Get() const { return static_cast<uint8_t*>(m_view.Get()); }
+
+private:
+    TarnBase::UniqueHandle m_mapping;
+    TarnBase::UniqueMappedView m_view;
+};
 
 inline std::vector<std::string> RingMessagesOf(DWORD pid)
 {
