@@ -59,15 +59,13 @@ TEST_SUITE("the control through IDispatch")
         ComPtr<ITarnSM> control = CreateControl(L"TarnSM.TarnSM");
         REQUIRE(control);
         REQUIRE(CreateControl(L"TarnSM.TarnSM.1"));
-        CHECK(IdOf(control.Get(), L"TrustedSiteDataFileURL") == 1);
-        CHECK(IdOf(control.Get(), L"VendorID") == 2);
-        CHECK(IdOf(control.Get(), L"IsCurrentSiteAvailable") == 4);
-        CHECK(IdOf(control.Get(), L"IsCurrentSiteLocal") == 8);
-        CHECK(IdOf(control.Get(), L"IsCurrentSiteTrusted") == 12);
-        CHECK(IdOf(control.Get(), L"IsCurrentContainerTrusted") == 16);
-        CHECK(IdOf(control.Get(), L"IsSiteTrusted") == 20);
-        CHECK(IdOf(control.Get(), L"IsContainerTrusted") == 24);
-        CHECK(IdOf(control.Get(), L"vendorid") == 2);  // script names are case-insensitive
+        const std::pair<const wchar_t*, DISPID> ids[] = {
+            {L"TrustedSiteDataFileURL", 1}, {L"VendorID", 2},   {L"IsCurrentSiteAvailable", 4},
+            {L"IsCurrentSiteLocal", 8},     {L"IsCurrentSiteTrusted", 12}, {L"IsCurrentContainerTrusted", 16},
+            {L"IsSiteTrusted", 20},         {L"IsContainerTrusted", 24},  {L"vendorid", 2},  // any letter case
+        };
+        for (const auto& id : ids)
+            CHECK(IdOf(control.Get(), id.first) == id.second);
         CHECK(IdOf(control.Get(), L"NoSuchMember") == DISPID_UNKNOWN);
     }
 
@@ -78,12 +76,12 @@ TEST_SUITE("the control through IDispatch")
         REQUIRE(control);
         ComPtr<ITypeInfo> info;
         REQUIRE(SUCCEEDED(control->GetTypeInfo(0, 0, &info)));
-        CHECK(HelpString(info.Get(), MEMBERID_NIL) == L"ITarnSM Interface");
-        CHECK(HelpString(info.Get(), 1) == L"property TrustedSiteDataFileURL");
-        CHECK(HelpString(info.Get(), 2) == L"property VendorID");
-        CHECK(HelpString(info.Get(), 4) == L"method IsCurrentSiteAvailable");
-        CHECK(HelpString(info.Get(), 16) == L"method IsCurrentContainerTrusted");
-        CHECK(HelpString(info.Get(), 24) == L"method IsContainerTrusted");
+        const std::pair<MEMBERID, const wchar_t*> strings[] = {
+            {MEMBERID_NIL, L"ITarnSM Interface"}, {1, L"property TrustedSiteDataFileURL"}, {2, L"property VendorID"},
+            {4, L"method IsCurrentSiteAvailable"}, {16, L"method IsCurrentContainerTrusted"}, {24, L"method IsContainerTrusted"},
+        };
+        for (const auto& h : strings)
+            CHECK(HelpString(info.Get(), h.first) == h.second);
 
         ComPtr<ITypeLib> library;
         UINT index = 0;
@@ -190,18 +188,15 @@ TEST_SUITE("the control through IDispatch")
         ComApartment com;
         ComPtr<ITarnSM> control = CreateControl();
         REQUIRE(control);
-        VARIANT_BOOL answer = VARIANT_TRUE;
-        CHECK(control->IsCurrentSiteAvailable(&answer) == S_OK);
-        CHECK(answer == VARIANT_FALSE);
-        answer = VARIANT_TRUE;
-        CHECK(control->IsCurrentSiteLocal(&answer) == S_OK);
-        CHECK(answer == VARIANT_FALSE);
-        answer = VARIANT_TRUE;
-        CHECK(control->IsCurrentSiteTrusted(&answer) == S_OK);
-        CHECK(answer == VARIANT_FALSE);
-        answer = VARIANT_TRUE;
-        CHECK(control->IsCurrentContainerTrusted(nullptr, &answer) == S_OK);
-        CHECK(answer == VARIANT_FALSE);
+        for (int question = 0; question < 4; ++question) {
+            VARIANT_BOOL answer = VARIANT_TRUE;
+            const HRESULT hr = question == 0   ? control->IsCurrentSiteAvailable(&answer)
+                               : question == 1 ? control->IsCurrentSiteLocal(&answer)
+                               : question == 2 ? control->IsCurrentSiteTrusted(&answer)
+                                               : control->IsCurrentContainerTrusted(nullptr, &answer);
+            CHECK(hr == S_OK);
+            CHECK(answer == VARIANT_FALSE);
+        }
 
         CHECK(CountRingMessages("GetCurrentSiteURLAndZone: Failed to QI to IServiceProvider from our site.") >= 2);
         CHECK(CountRingMessages("IsCurrentSiteAvailableInternal: Failed to get current site URL.") >= 1);
@@ -227,7 +222,6 @@ TEST_SUITE("the control through IDispatch")
         // Through IDispatch a script sees the status code itself.
         VARIANT result;
         EXCEPINFO exception{};
-        DISPPARAMS none{nullptr, nullptr, 0, 0};
         VARIANT arg = BstrVariant(L"x");
         DISPPARAMS one{&arg, nullptr, 1, 0};
         ::VariantInit(&result);
@@ -237,7 +231,6 @@ TEST_SUITE("the control through IDispatch")
         ::SysFreeString(exception.bstrSource);
         ::SysFreeString(exception.bstrDescription);
         ::SysFreeString(exception.bstrHelpFile);
-        (void)none;
     }
 
     TEST_CASE("a null output pointer gives E_FAIL, NULL_POINTER_ERROR and its record")
