@@ -27,36 +27,10 @@ inline std::wstring TarnGrantPath()
     return TarnTest::BuildPath("tools/tarngrant/tarngrant.exe");
 }
 
-// The page script every host copy runs: asks IsCurrentContainerTrusted with the list in
-// argument 0, as many times as argument 1 says (default 1), one answer per line.
-// Argument 2 "poll" keeps asking (up to 20 s) until the answer is true, after a "ready"
-// line, for tests that grant while the host runs.
-constexpr char kQueryScript[] = R"(
-var c = host.Control(1);
-var list = host.ArgCount > 0 ? host.Arg(0) : "";
-var n = host.ArgCount > 1 ? parseInt(host.Arg(1), 10) : 1;
-function ask() {
-    try { return "" + c.IsCurrentContainerTrusted(list); }
-    catch (e) { return "error " + (e.number >>> 0).toString(16) + " " + e.description; }
-}
-if (host.ArgCount > 2 && host.Arg(2) == "poll") {
-    host.Echo("ready");
-    var end = new Date().getTime() + 20000;
-    var answer = ask();
-    while (answer != "true" && new Date().getTime() < end)
-        answer = ask();
-    host.Echo(answer);
-} else {
-    for (var i = 0; i < n; i++)
-        host.Echo(ask());
-}
-host.Quit(0);
-)";
-
 // Copies of the page host and the query script.
 class HostDirectory {
 public:
-    HostDirectory() : m_script(m_pages.Args({}, kQueryScript).back()) {}
+    HostDirectory() : m_script(m_pages.Args({}, TarnTest::kAskContainerScript).back()) {}
     std::wstring Host(const std::wstring& name) { return m_pages.Host(name); }
     const std::wstring& Script() const { return m_script; }
     std::wstring Directory() const { return m_script.substr(0, m_script.find_last_of(L'\\')); }
@@ -73,7 +47,8 @@ inline std::vector<std::wstring> HostArgs(const HostDirectory& dir, const std::w
 {
     std::vector<std::wstring> args{host};
     args.insert(args.end(), options.begin(), options.end());
-    args.insert(args.end(), {dir.Script(), altList, std::to_wstring(queries)});
+    args.push_back(dir.Script());
+    args.insert(args.end(), static_cast<size_t>(queries), altList);  // one question per argument
     return args;
 }
 

@@ -106,7 +106,7 @@ TEST_CASE("the default path of a grant agrees with the host's own view of its pa
     }
     SUBCASE("a running page host asks until the grant arrives")
     {
-        Process host({dir.Host(L"myhost.exe"), L"--url", kLocalPage, dir.Script(), L"", L"1", L"poll"}, false);
+        Process host({dir.Host(L"myhost.exe"), L"--url", kLocalPage, dir.Script(), L"poll"}, false);
         REQUIRE(host.WaitForOutput("ready", 20000));
         table.pids.push_back(Pid(host.Pid()));
         const auto grant = RunGrant({L"grant", Pid(host.Pid())});
