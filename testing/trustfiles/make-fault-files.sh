@@ -1,7 +1,7 @@
 #!/bin/sh
 # Makes the odd but validly signed data files of the fault-injection tests, after
 # make-trust-files.sh has made the test PKI (and emptied <build>/trustfiles):
-#   huge.dll       a list of more than 30,000 characters per scheme, the probed site last
+#   huge.dll       a list of more than 30,000 characters per scheme, the probed sites last
 #   signers.dll    a site signer list (string 103) of 5,000 names
 #   certcount.dll  a certificate table of 20,001 entries
 #   make-fault-files.sh <windows-build-dir>
@@ -37,6 +37,7 @@ with open(sys.argv[1], 'w') as f:
         f.write('[%s]\n' % section)
         f.write('\n'.join(entries) + '\n')
         f.write('+near-end.example.com\n')
+        f.write('-deny.s00000.fault.example\n')  # a denial last: a read that stops early trusts it
 PY
 site huge <"$out/huge.txt.in"
 

@@ -69,6 +69,7 @@ TEST_CASE("odd but validly signed data files: a list of over 30,000 characters, 
         {L"http://near-end.example.com/p.html", "/fault/huge.dll", "true"},  // the very last entry
         {L"https://near-end.example.com/p.html", "/fault/huge.dll", "true"},
         {L"http://s00000.fault.example/p.html", "/fault/huge.dll", "true"},
+        {L"http://deny.s00000.fault.example/p.html", "/fault/huge.dll", "false"},  // denied by the last line
         {L"http://not-listed.example.com/p.html", "/fault/huge.dll", "false"},
         {L"http://shop.example.com/p.html", "/fault/signers.dll", "true"},
         {L"http://other.example.org/p.html", "/fault/signers.dll", "false"},
