@@ -51,7 +51,7 @@ fuzz: fuzz-build
 	@testing/fuzz/run-fuzzers.sh build/fuzz $(FUZZ_SECONDS) $(FUZZ_RUNS)
 
 demo: build
-	@testing/demo/demo.sh $(WIN)
+	@demo/demo.sh $(WIN)
 
 release: deps
 	@packaging/release.sh $(RELEASE_ARGS)

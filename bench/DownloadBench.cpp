@@ -9,8 +9,7 @@
 //   download_bench           full run, results as Markdown table rows
 //   download_bench --short   a few samples, for the test run (never fails on timing)
 
-#include "TarnSM/tests/win/DownloadTestSite.h"
-#include "TarnSM/tests/win/DownloadTestSupport.h"
+#include "BenchPage.h"
 #include "TarnSM/win/TrustDataDownload.h"
 #include "TarnBase/win/Handle.h"
 #include "testing/support/TestServer.h"
@@ -35,7 +34,7 @@ using Bench::BareDownload;
 using Bench::Alternate;
 using Bench::Comparison;
 
-using DownloadTest::ComPtr;
+using Microsoft::WRL::ComPtr;
 
 constexpr double kDownloadTarget = 1.15;
 constexpr double kDiscoveryTarget = 1.3;
@@ -80,9 +79,9 @@ int main(int argc, char** argv)
     const int discoveryRounds = shortRun ? 10 : 200;
     const int discoveryBatch = shortRun ? 10 : 100;
 
-    DownloadTest::ComApartment apartment;
-    DownloadTest::TempDir root(L"bench-www");
-    DownloadTest::TempDir scratch(L"bench-out");
+    TarnTest::ComApartment apartment;
+    TarnTest::TempDir root(L"bench-www");
+    TarnTest::TempDir scratch(L"bench-out");
     const std::string body = [] {
         std::string bytes(16 * 1024, '\0');
         for (size_t i = 0; i < bytes.size(); ++i)
@@ -99,21 +98,21 @@ int main(int argc, char** argv)
         return 1;
     }
     const std::string url = server.Url("/trust.dll");
-    const std::string oursTarget = DownloadTest::Narrow(scratch / L"ours.tmp");
-    const std::string floorTarget = DownloadTest::Narrow(scratch / L"floor.tmp");
+    const std::string oursTarget = TarnTest::Narrow(scratch / L"ours.tmp");
+    const std::string floorTarget = TarnTest::Narrow(scratch / L"floor.tmp");
 
     const Comparison download = Alternate(
         downloadRounds, [&] { return TarnSMX::DownloadFile(url, oursTarget); },
         [&] { return BareDownload(url, floorTarget); });
     std::string check;
-    if (!download.ok || !DownloadTest::ReadBytes(scratch / L"ours.tmp", check) || check != body) {
+    if (!download.ok || !TarnTest::ReadBytes(scratch / L"ours.tmp", check) || check != body) {
         std::fprintf(stderr, "download_bench: a download failed\n");
         return 1;
     }
 
-    auto site = DownloadTest::TestPageSite::Create(L"http://www.tarn-bench.example/dir/page.html", true);
-    auto control = DownloadTest::NewControl();
-    control->SetSite(site->Unknown());
+    auto site = BenchPage::Site(L"http://www.tarn-bench.example/dir/page.html");
+    auto control = BenchPage::NewControl();
+    control->SetSite(BenchPage::Unknown(site));
     ComPtr<IServiceProvider> provider;
     site.As(&provider);
     const Comparison discovery = Alternate(

@@ -16,7 +16,7 @@
 // <exe dir>/../trustfiles/www (the "trustfiles" test fixture makes them).
 
 #include "TarnSM/SiteList.h"
-#include "TarnSM/tests/win/DownloadTestSite.h"
+#include "BenchPage.h"
 #include "TarnBase/win/Handle.h"
 #include "testing/support/ChildProcess.h"
 #include "testing/support/TestServer.h"
@@ -44,7 +44,7 @@ using Bench::NowUs;
 using Bench::Median;
 using Bench::BareDownload;
 
-using DownloadTest::ComPtr;
+using Microsoft::WRL::ComPtr;
 
 constexpr double kColdTarget = 1.15;
 constexpr double kWarmTarget = 1.3;
@@ -179,16 +179,16 @@ bool BareReadModule(const std::string& path)
 
 int RunChild(bool ours, const std::string& dataUrl)
 {
-    DownloadTest::ComApartment apartment;
-    auto site = DownloadTest::TestPageSite::Create(kPageUrl, true);
+    TarnTest::ComApartment apartment;
+    auto site = BenchPage::Site(kPageUrl);
     double elapsed = 0;
     bool ok = false;
     if (ours) {
-        auto control = DownloadTest::NewControl();
+        auto control = BenchPage::NewControl();
         BSTR property = ::SysAllocString(Widen(dataUrl).c_str());
         control->put_TrustedSiteDataFileURL(property);
         ::SysFreeString(property);
-        control->SetSite(site->Unknown());
+        control->SetSite(BenchPage::Unknown(site));
         VARIANT_BOOL answer = VARIANT_FALSE;
         const double start = NowUs();
         const HRESULT hr = control->IsCurrentSiteTrusted(&answer);
@@ -328,13 +328,13 @@ int main(int argc, char** argv)
     if (!cold.ok)
         return 1;
 
-    DownloadTest::ComApartment apartment;
-    auto site = DownloadTest::TestPageSite::Create(kPageUrl, true);
-    auto control = DownloadTest::NewControl();
+    TarnTest::ComApartment apartment;
+    auto site = BenchPage::Site(kPageUrl);
+    auto control = BenchPage::NewControl();
     BSTR property = ::SysAllocString(Widen(dataUrl).c_str());
     control->put_TrustedSiteDataFileURL(property);
     ::SysFreeString(property);
-    control->SetSite(site->Unknown());
+    control->SetSite(BenchPage::Unknown(site));
     ComPtr<IDispatch> dispatch;
     control.As(&dispatch);
     ComPtr<IServiceProvider> provider;

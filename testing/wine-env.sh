@@ -1,13 +1,22 @@
 #!/bin/sh
-# Prepares and stops the Wine prefix of one build tree.
-#   wine-env.sh up <build-dir>     create the prefix once, keep its server alive, register the DLL
-#   wine-env.sh down <build-dir>   stop that prefix's server (and every process in it)
+# Prepares and stops the Wine prefix of one build tree, and the local web server the tests
+# and the demo share. The server serves the build tree; Windows programs find its port and
+# root in C:\tarnweb.port (testing/support/TestServer.h).
+#   wine-env.sh up <build-dir>     create the prefix once, keep its server alive, register the
+#                                  DLL, start the web server
+#   wine-env.sh down <build-dir>   stop the web server and that prefix's Wine server
 set -eu
+src=$(cd "$(dirname "$0")/.." && pwd)
 cmd=$1
 build=$(cd "$2" && pwd)
 export WINEPREFIX="$build/wineprefix"
 export WINEDEBUG=-all
 export WINEDLLOVERRIDES="mscoree=;mshtml="
+portfile="$WINEPREFIX/drive_c/tarnweb.port"
+web_down() {
+    [ -f "$build/tarnweb.pid" ] && kill "$(cat "$build/tarnweb.pid")" 2>/dev/null || true
+    rm -f "$build/tarnweb.pid" "$portfile"
+}
 
 case "$cmd" in
 up)
@@ -28,8 +37,18 @@ up)
     if [ -f "$build/TarnSM/TarnSMX.dll" ]; then
         wine regsvr32 /s "$build/TarnSM/TarnSMX.dll"
     fi
+    web_down
+    python3 "$src/testing/http/tarnhttp.py" "$build" --lifetime 3600 --port-file "$portfile" \
+        </dev/null >/dev/null 2>&1 &
+    echo $! >"$build/tarnweb.pid"
+    for _ in $(seq 1 100); do
+        [ -f "$portfile" ] && break
+        sleep 0.1
+    done
+    [ -f "$portfile" ] || { echo "wine-env: the web server did not start" >&2; exit 1; }
     ;;
 down)
+    web_down
     wineserver -k >/dev/null 2>&1 || true
     ;;
 *)

@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
 """A small local web server for tests and the demo, able to misbehave on request.
 
-    tarnhttp.py <root> [--lifetime SECONDS] [--log FILE]
+    tarnhttp.py <root> [--lifetime SECONDS] [--log FILE] [--port-file FILE]
 
 It listens on 127.0.0.1 on a free port, writes "PORT <n>" as the first line of its standard
-output, and serves the files under <root> (no directory listings, nothing outside <root>).
+output (and, with --port-file, the port and the served root as two lines of that file,
+written whole at once), and serves the files under <root> (no directory listings, nothing outside <root>).
 
 Misbehaviour is asked for in the query string or, for clients that resolve relative names
 against a page (so that a query would not carry over), in leading path segments of the form
@@ -309,6 +310,7 @@ def main(argv):
     parser.add_argument("root", help="directory whose files are served")
     parser.add_argument("--lifetime", type=float, default=600.0, help="seconds before it stops by itself")
     parser.add_argument("--log", help="append a line per request to this file")
+    parser.add_argument("--port-file", help="write the port and the root to this file")
     args = parser.parse_args(argv)
     if not os.path.isdir(args.root):
         parser.error("not a directory: %s" % args.root)
@@ -323,6 +325,10 @@ def main(argv):
 
     sys.stdout.write("PORT %d\n" % server.server_address[1])
     sys.stdout.flush()
+    if args.port_file:
+        with open(args.port_file + ".new", "w") as f:
+            f.write("%d\n%s\n" % (server.server_address[1], server.root))
+        os.replace(args.port_file + ".new", args.port_file)
     server.log("listening on port %d, root %s" % (server.server_address[1], server.root))
 
     deadline = time.monotonic() + args.lifetime

@@ -2,11 +2,13 @@
 """Appends a second entry to the certificate table of an Authenticode-signed PE file.
 
     append-cert.py <signed-in> <out> [--from <other-signed-file>]
+    append-cert.py <signed-in> <out> --empty <count>
 
 The new entry is a copy of the first entry of --from (default: of <signed-in> itself), so a
 test can give a file a first signature by one signer and a second by another. Signing tools
 nest further signatures inside the first entry instead; a real second entry has to be made
-by hand. The signature over the image stays valid: the certificate table lies outside the
+by hand. With --empty, <count> entries of a header and 8 zero bytes are appended instead: a
+certificate table claiming thousands of entries. The signature over the image stays valid: the certificate table lies outside the
 signed hash. The PE checksum is recomputed.
 """
 import struct
@@ -84,8 +86,12 @@ def append_entry(data, entry):
 def main(argv):
     args = argv[1:]
     donor = None
+    empty = 0
     if len(args) == 4 and args[2] == "--from":
         donor = args[3]
+        args = args[:2]
+    elif len(args) == 4 and args[2] == "--empty":
+        empty = int(args[3])
         args = args[:2]
     if len(args) != 2:
         sys.stderr.write("usage: append-cert.py <signed-in> <out> [--from <other-signed-file>]\n")
@@ -97,7 +103,8 @@ def main(argv):
         with open(donor, "rb") as f:
             source = f.read()
     try:
-        out = append_entry(data, first_entry(source))
+        blank = struct.pack("<IHH", 16, 0x0200, 0x0002) + b"\0" * 8
+        out = append_entry(data, blank * empty if empty else first_entry(source))
     except PeError as e:
         sys.stderr.write("append-cert.py: %s\n" % e)
         return 1

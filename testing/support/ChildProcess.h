@@ -1,12 +1,18 @@
 #pragma once
-// Runs a program to completion with its output captured, the way a test drives a tool or
-// a script host. A child that outlives its time-out is killed, so no test can hang ctest.
+// The one process runner of the tests: a child with its output collected while it runs,
+// optionally started suspended (its id is known before it runs), killed when it outlives
+// its time-out or its owner, so no test can hang ctest.
 
 #include "TarnBase/win/Handle.h"
 
 #include <windows.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace TarnTest {
@@ -28,6 +34,17 @@ inline std::wstring Widen(const std::string& text)
     std::wstring wide(static_cast<size_t>(n), L'\0');
     ::MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &wide[0], n);
     return wide;
+}
+
+inline std::string Narrow(const std::wstring& text)
+{
+    if (text.empty())
+        return std::string();
+    const int n = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr,
+                                        nullptr);
+    std::string narrow(static_cast<size_t>(n), '\0');
+    ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &narrow[0], n, nullptr, nullptr);
+    return narrow;
 }
 
 inline std::wstring QuoteArgument(const std::wstring& arg)
@@ -72,75 +89,129 @@ inline std::wstring SourcePath(const std::string& relative)
     return UnixToWinePath(std::string(root ? root : ".") + "/" + relative);
 }
 
-inline ChildResult RunChild(const std::vector<std::wstring>& args, DWORD timeoutMs = 60000)
-{
-    ChildResult result;
-    SECURITY_ATTRIBUTES inherit{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
-    TarnBase::UniqueHandle outRead, outWrite, errRead, errWrite, nulIn;
-    if (!::CreatePipe(outRead.Put(), outWrite.Put(), &inherit, 0) ||
-        !::CreatePipe(errRead.Put(), errWrite.Put(), &inherit, 0))
-        return result;
-    ::SetHandleInformation(outRead.Get(), HANDLE_FLAG_INHERIT, 0);
-    ::SetHandleInformation(errRead.Get(), HANDLE_FLAG_INHERIT, 0);
-    nulIn.Reset(::CreateFileW(L"NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit, OPEN_EXISTING, 0,
-                              nullptr));
+class Process {
+public:
+    explicit Process(const std::vector<std::wstring>& args, bool suspended = false)
+    {
+        SECURITY_ATTRIBUTES inherit{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+        TarnBase::UniqueHandle outWrite, errWrite, nulIn;
+        if (!::CreatePipe(m_outRead.Put(), outWrite.Put(), &inherit, 0) ||
+            !::CreatePipe(m_errRead.Put(), errWrite.Put(), &inherit, 0))
+            return;
+        ::SetHandleInformation(m_outRead.Get(), HANDLE_FLAG_INHERIT, 0);
+        ::SetHandleInformation(m_errRead.Get(), HANDLE_FLAG_INHERIT, 0);
+        nulIn.Reset(::CreateFileW(L"NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit, OPEN_EXISTING, 0,
+                                  nullptr));
+        std::wstring commandLine;
+        for (const auto& arg : args)
+            commandLine += (commandLine.empty() ? L"" : L" ") + QuoteArgument(arg);
+        STARTUPINFOW startup{};
+        startup.cb = sizeof startup;
+        startup.dwFlags = STARTF_USESTDHANDLES;
+        startup.hStdInput = nulIn.Get();
+        startup.hStdOutput = outWrite.Get();
+        startup.hStdError = errWrite.Get();
+        PROCESS_INFORMATION info{};
+        if (!::CreateProcessW(nullptr, &commandLine[0], nullptr, nullptr, TRUE, suspended ? CREATE_SUSPENDED : 0,
+                              nullptr, nullptr, &startup, &info))
+            return;
+        m_process.Reset(info.hProcess);
+        m_thread.Reset(info.hThread);
+        m_pid = info.dwProcessId;
+        m_pump = std::thread([this] { Pump(); });
+    }
+    ~Process()
+    {
+        Kill();
+        if (m_pump.joinable())
+            m_pump.join();
+    }
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
 
-    std::wstring commandLine;
-    for (const auto& arg : args)
-        commandLine += (commandLine.empty() ? L"" : L" ") + QuoteArgument(arg);
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = nulIn.Get();
-    startup.hStdOutput = outWrite.Get();
-    startup.hStdError = errWrite.Get();
-    PROCESS_INFORMATION info{};
-    if (!::CreateProcessW(nullptr, &commandLine[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info))
-        return result;
-    result.started = true;
-    result.processId = info.dwProcessId;
-    TarnBase::UniqueHandle process(info.hProcess), thread(info.hThread);
-    outWrite.Reset();
-    errWrite.Reset();
+    bool Started() const { return static_cast<bool>(m_process); }
+    DWORD Pid() const { return m_pid; }
+    HANDLE Handle() const { return m_process.Get(); }
+    void Resume() { ::ResumeThread(m_thread.Get()); }
 
-    // Reading to the end of the pipes is not enough: Wine may start a helper process of its
+    // Waits until standard output holds `text` (true) or the time runs out (false).
+    bool WaitForOutput(const std::string& text, DWORD timeoutMs)
+    {
+        std::unique_lock<std::mutex> lock(m_lock);
+        return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                  [&] { return m_out.find(text) != std::string::npos; });
+    }
+
+    // Waits for the end (killing the process after `timeoutMs`) and returns the outcome.
+    ChildResult Finish(DWORD timeoutMs = 60000)
+    {
+        ChildResult result;
+        result.started = Started();
+        result.processId = m_pid;
+        if (!result.started)
+            return result;
+        result.timedOut = ::WaitForSingleObject(m_process.Get(), timeoutMs) == WAIT_TIMEOUT;
+        Kill();
+        ::GetExitCodeProcess(m_process.Get(), &result.exitCode);
+        if (m_pump.joinable())
+            m_pump.join();
+        std::lock_guard<std::mutex> lock(m_lock);
+        result.out = m_out;
+        result.err = m_err;
+        return result;
+    }
+
+private:
+    void Kill()
+    {
+        if (m_process && ::WaitForSingleObject(m_process.Get(), 0) == WAIT_TIMEOUT) {
+            ::TerminateProcess(m_process.Get(), 999);
+            ::WaitForSingleObject(m_process.Get(), 5000);
+        }
+    }
+
+    // Never a blocking read to the end of the pipes: Wine may start a helper process of its
     // own (explorer.exe) that inherits the child's output handles and never closes them. So
     // the pipes are polled while the child runs and drained once it has ended.
-    auto pump = [](HANDLE pipe, std::string& into) {
-        DWORD available = 0;
-        while (::PeekNamedPipe(pipe, nullptr, 0, nullptr, &available, nullptr) && available > 0) {
-            char buffer[4096];
-            DWORD read = 0;
-            if (!::ReadFile(pipe, buffer, available < sizeof buffer ? available : sizeof buffer, &read, nullptr) ||
-                read == 0)
-                break;
-            into.append(buffer, read);
-        }
-    };
-    const ULONGLONG deadline = ::GetTickCount64() + timeoutMs;
-    for (;;) {
-        const bool ended = ::WaitForSingleObject(process.Get(), 20) == WAIT_OBJECT_0;
-        pump(outRead.Get(), result.out);
-        pump(errRead.Get(), result.err);
-        if (ended)
-            break;
-        if (::GetTickCount64() > deadline) {
-            result.timedOut = true;
-            ::TerminateProcess(process.Get(), 999);
-            ::WaitForSingleObject(process.Get(), 5000);
-            break;
+    void Pump()
+    {
+        for (;;) {
+            const bool ended = ::WaitForSingleObject(m_process.Get(), 10) == WAIT_OBJECT_0;
+            bool more = true;
+            while (more) {
+                more = false;
+                for (auto [pipe, into] : {std::pair<HANDLE, std::string*>{m_outRead.Get(), &m_out},
+                                          std::pair<HANDLE, std::string*>{m_errRead.Get(), &m_err}}) {
+                    char buffer[4096];
+                    DWORD available = 0, read = 0;
+                    if (!::PeekNamedPipe(pipe, nullptr, 0, nullptr, &available, nullptr) || available == 0 ||
+                        !::ReadFile(pipe, buffer, available < sizeof buffer ? available : sizeof buffer, &read,
+                                    nullptr))
+                        continue;
+                    std::lock_guard<std::mutex> lock(m_lock);
+                    for (DWORD i = 0; i < read; ++i)
+                        if (buffer[i] != '\r')  // script hosts end lines with CR LF; tests compare plain lines
+                            *into += buffer[i];
+                    m_changed.notify_all();
+                    more = read > 0;
+                }
+            }
+            if (ended)
+                return;
         }
     }
-    ::GetExitCodeProcess(process.Get(), &result.exitCode);
-    // Console output of script hosts ends lines with CR LF; tests compare plain lines.
-    for (std::string* text : {&result.out, &result.err}) {
-        std::string plain;
-        for (char c : *text)
-            if (c != '\r')
-                plain += c;
-        *text = plain;
-    }
-    return result;
+
+    TarnBase::UniqueHandle m_outRead, m_errRead, m_process, m_thread;
+    DWORD m_pid = 0;
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    std::string m_out, m_err;
+    std::thread m_pump;
+};
+
+inline ChildResult RunChild(const std::vector<std::wstring>& args, DWORD timeoutMs = 60000)
+{
+    return Process(args).Finish(timeoutMs);
 }
 
 } // namespace TarnTest

@@ -1,10 +1,9 @@
 #!/bin/sh
 # Makes the odd but validly signed data files of the fault-injection tests, after
 # make-trust-files.sh has made the test PKI (and emptied <build>/trustfiles):
-#   huge.dll       a list of more than 30,000 characters per scheme, the probed site last
-#   nostrings.dll  a module without a single string resource
-#   comments.dll   lists holding nothing but comment lines
+#   huge.dll       a list of more than 30,000 characters per scheme, the probed sites last
 #   signers.dll    a site signer list (string 103) of 5,000 names
+#   certcount.dll  a certificate table of 20,001 entries
 #   make-fault-files.sh <windows-build-dir>
 # Output: <build>/trustfiles/www/fault/*.dll
 set -eu
@@ -38,22 +37,9 @@ with open(sys.argv[1], 'w') as f:
         f.write('[%s]\n' % section)
         f.write('\n'.join(entries) + '\n')
         f.write('+near-end.example.com\n')
+        f.write('-deny.s00000.fault.example\n')  # a denial last: a read that stops early trusts it
 PY
 site huge <"$out/huge.txt.in"
-
-# No sections at all: tarntrust warns and writes a module without strings.
-site nostrings </dev/null
-
-# tarntrust drops comment lines, so this module's string table is compiled directly.
-cat >"$out/comments.rc" <<'RC'
-STRINGTABLE
-BEGIN
-  101 "#only a note\r\n# and another\r\n"
-  102 "#only a note\r\n#+example.com\r\n# +example.com\r\n"
-END
-RC
-x86_64-w64-mingw32-windres -O coff "$out/comments.rc" -o "$out/comments.res"
-x86_64-w64-mingw32-gcc -shared -nostdlib -Wl,-e,0 -Wl,--no-insert-timestamp -s "$out/comments.res" -o "$out/comments.dll"
 
 # Names of 5 characters: tarntrust stops at 32,767 characters per string.
 python3 - "$out/signers.txt.in" <<'PY'
@@ -65,7 +51,11 @@ with open(sys.argv[1], 'w') as f:
 PY
 site signers <"$out/signers.txt.in"
 
-for name in huge nostrings comments signers; do
+for name in huge signers; do
     sign "$name"
 done
+# A certificate table of 20,000 entries after a valid first one by a signer not listed:
+# each pass over the table re-checks the first entry, so only a cap on passes keeps the
+# answer quick.
+python3 "$src/testing/pki/append-cert.py" "$build/trustfiles/www/lowercase.dll" "$www/certcount.dll" --empty 20000 >/dev/null
 echo "fault files ready in $www"

@@ -1,10 +1,10 @@
-#include "BlackBox.h"
+#include "PageHost.h"
 
 #include <doctest.h>
 
 #include <oleauto.h>
 
-using namespace BlackBox;
+using namespace TarnTest;
 
 namespace {
 
@@ -21,14 +21,6 @@ HRESULT PutById(ITarnSM* control, DISPID id, VARIANT value)
     DISPID named = DISPID_PROPERTYPUT;
     DISPPARAMS params{&value, &named, 1, 1};
     return control->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_PROPERTYPUT, &params, nullptr, nullptr, nullptr);
-}
-
-HRESULT GetById(ITarnSM* control, DISPID id, VARIANT& result, EXCEPINFO* exception = nullptr)
-{
-    DISPPARAMS none{nullptr, nullptr, 0, 0};
-    ::VariantInit(&result);
-    return control->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_PROPERTYGET | DISPATCH_METHOD, &none, &result,
-                           exception, nullptr);
 }
 
 VARIANT BstrVariant(const wchar_t* text)
@@ -59,15 +51,13 @@ TEST_SUITE("the control through IDispatch")
         ComPtr<ITarnSM> control = CreateControl(L"TarnSM.TarnSM");
         REQUIRE(control);
         REQUIRE(CreateControl(L"TarnSM.TarnSM.1"));
-        CHECK(IdOf(control.Get(), L"TrustedSiteDataFileURL") == 1);
-        CHECK(IdOf(control.Get(), L"VendorID") == 2);
-        CHECK(IdOf(control.Get(), L"IsCurrentSiteAvailable") == 4);
-        CHECK(IdOf(control.Get(), L"IsCurrentSiteLocal") == 8);
-        CHECK(IdOf(control.Get(), L"IsCurrentSiteTrusted") == 12);
-        CHECK(IdOf(control.Get(), L"IsCurrentContainerTrusted") == 16);
-        CHECK(IdOf(control.Get(), L"IsSiteTrusted") == 20);
-        CHECK(IdOf(control.Get(), L"IsContainerTrusted") == 24);
-        CHECK(IdOf(control.Get(), L"vendorid") == 2);  // script names are case-insensitive
+        const std::pair<const wchar_t*, DISPID> ids[] = {
+            {L"TrustedSiteDataFileURL", 1}, {L"VendorID", 2},   {L"IsCurrentSiteAvailable", 4},
+            {L"IsCurrentSiteLocal", 8},     {L"IsCurrentSiteTrusted", 12}, {L"IsCurrentContainerTrusted", 16},
+            {L"IsSiteTrusted", 20},         {L"IsContainerTrusted", 24},  {L"vendorid", 2},  // any letter case
+        };
+        for (const auto& id : ids)
+            CHECK(IdOf(control.Get(), id.first) == id.second);
         CHECK(IdOf(control.Get(), L"NoSuchMember") == DISPID_UNKNOWN);
     }
 
@@ -78,12 +68,12 @@ TEST_SUITE("the control through IDispatch")
         REQUIRE(control);
         ComPtr<ITypeInfo> info;
         REQUIRE(SUCCEEDED(control->GetTypeInfo(0, 0, &info)));
-        CHECK(HelpString(info.Get(), MEMBERID_NIL) == L"ITarnSM Interface");
-        CHECK(HelpString(info.Get(), 1) == L"property TrustedSiteDataFileURL");
-        CHECK(HelpString(info.Get(), 2) == L"property VendorID");
-        CHECK(HelpString(info.Get(), 4) == L"method IsCurrentSiteAvailable");
-        CHECK(HelpString(info.Get(), 16) == L"method IsCurrentContainerTrusted");
-        CHECK(HelpString(info.Get(), 24) == L"method IsContainerTrusted");
+        const std::pair<MEMBERID, const wchar_t*> strings[] = {
+            {MEMBERID_NIL, L"ITarnSM Interface"}, {1, L"property TrustedSiteDataFileURL"}, {2, L"property VendorID"},
+            {4, L"method IsCurrentSiteAvailable"}, {16, L"method IsCurrentContainerTrusted"}, {24, L"method IsContainerTrusted"},
+        };
+        for (const auto& h : strings)
+            CHECK(HelpString(info.Get(), h.first) == h.second);
 
         ComPtr<ITypeLib> library;
         UINT index = 0;
@@ -117,72 +107,44 @@ TEST_SUITE("the control through IDispatch")
             ::SysFreeString(n);
     }
 
-    TEST_CASE("properties round-trip by id, including null and the empty string")
+    TEST_CASE("properties round-trip by id (null, empty, embedded zero); VendorID is one value for the process")
     {
         ComApartment com;
         ComPtr<ITarnSM> control = CreateControl();
-        REQUIRE(control);
-
-        // Nothing is stored at creation. (Through IDispatch, the platform may hand a null
-        // string back as an empty one; the interface itself answers null.)
-        BSTR stored = reinterpret_cast<BSTR>(1);
-        CHECK(control->get_TrustedSiteDataFileURL(&stored) == S_OK);
-        CHECK(stored == nullptr);
-        VARIANT result;
-
-        VARIANT url = BstrVariant(L"../data/sites.dll");
-        CHECK(PutById(control.Get(), 1, url) == S_OK);
-        ::VariantClear(&url);
-        REQUIRE(GetById(control.Get(), 1, result) == S_OK);
-        CHECK(std::wstring(V_BSTR(&result)) == L"../data/sites.dll");
-        ::VariantClear(&result);
-
-        VARIANT null;
-        ::VariantInit(&null);
-        V_VT(&null) = VT_NULL;
-        CHECK(PutById(control.Get(), 1, null) == S_OK);
-        CHECK(control->get_TrustedSiteDataFileURL(&stored) == S_OK);
-        CHECK(stored == nullptr);
-
-        VARIANT empty = BstrVariant(L"");
-        CHECK(PutById(control.Get(), 1, empty) == S_OK);
-        ::VariantClear(&empty);
-        REQUIRE(GetById(control.Get(), 1, result) == S_OK);
-        REQUIRE(V_BSTR(&result) != nullptr);  // empty, not null: the page set a value
-        CHECK(::SysStringLen(V_BSTR(&result)) == 0);
-        ::VariantClear(&result);
-
-        // Bytes are kept exactly, embedded zero included.
-        BSTR odd = ::SysAllocStringLen(L"a\0b", 3);
-        CHECK(control->put_TrustedSiteDataFileURL(odd) == S_OK);
-        BSTR back = nullptr;
-        CHECK(control->get_TrustedSiteDataFileURL(&back) == S_OK);
-        CHECK(::SysStringLen(back) == 3);
-        CHECK(std::wstring(back, 3) == std::wstring(L"a\0b", 3));
-        ::SysFreeString(odd);
-        ::SysFreeString(back);
-    }
-
-    TEST_CASE("VendorID is one value for the whole process")
-    {
-        ComApartment com;
-        ComPtr<ITarnSM> first = CreateControl();
         ComPtr<ITarnSM> second = CreateControl(L"TarnSM.TarnSM.1");
-        REQUIRE(first);
+        REQUIRE(control);
         REQUIRE(second);
+        // {value put by id (VT_NULL for null) -> what the interface gives back ("<null>" for null)}.
+        // Through IDispatch the platform may show null as empty; the interface itself answers null.
+        const std::pair<const wchar_t*, std::wstring> rows[] = {
+            {L"../data/sites.dll", L"../data/sites.dll"}, {nullptr, L"<null>"}, {L"", L""}};
+        auto get = [&](ITarnSM* c, bool vendor) {
+            BSTR back = reinterpret_cast<BSTR>(1);
+            CHECK((vendor ? c->get_VendorID(&back) : c->get_TrustedSiteDataFileURL(&back)) == S_OK);
+            const std::wstring text = back ? std::wstring(back, ::SysStringLen(back)) : L"<null>";
+            ::SysFreeString(back);
+            return text;
+        };
+        CHECK(get(control.Get(), false) == L"<null>");  // nothing stored at creation
+        for (const auto& row : rows) {
+            VARIANT value = BstrVariant(row.first);
+            if (!row.first)
+                V_VT(&value) = VT_NULL;
+            CHECK(PutById(control.Get(), 1, value) == S_OK);
+            ::VariantClear(&value);
+            CHECK(get(control.Get(), false) == row.second);
+        }
+        BSTR odd = ::SysAllocStringLen(L"a\0b", 3);  // bytes kept exactly
+        CHECK(control->put_TrustedSiteDataFileURL(odd) == S_OK);
+        ::SysFreeString(odd);
+        CHECK(get(control.Get(), false) == std::wstring(L"a\0b", 3));
+
         BSTR vendor = ::SysAllocString(L"acme");
         CHECK(second->put_VendorID(vendor) == S_OK);
         ::SysFreeString(vendor);
-        BSTR seen = nullptr;
-        CHECK(first->get_VendorID(&seen) == S_OK);
-        CHECK(std::wstring(seen) == L"acme");
-        ::SysFreeString(seen);
-
-        CHECK(first->put_VendorID(nullptr) == S_OK);  // null clears it for everyone
-        CHECK(second->get_VendorID(&seen) == S_OK);
-        REQUIRE(seen != nullptr);
-        CHECK(::SysStringLen(seen) == 0);
-        ::SysFreeString(seen);
+        CHECK(get(control.Get(), true) == L"acme");
+        CHECK(control->put_VendorID(nullptr) == S_OK);  // null clears it for everyone
+        CHECK(get(second.Get(), true) == L"");
     }
 
     TEST_CASE("an unsited control answers every question false, with S_OK, and says why in the log")
@@ -190,18 +152,15 @@ TEST_SUITE("the control through IDispatch")
         ComApartment com;
         ComPtr<ITarnSM> control = CreateControl();
         REQUIRE(control);
-        VARIANT_BOOL answer = VARIANT_TRUE;
-        CHECK(control->IsCurrentSiteAvailable(&answer) == S_OK);
-        CHECK(answer == VARIANT_FALSE);
-        answer = VARIANT_TRUE;
-        CHECK(control->IsCurrentSiteLocal(&answer) == S_OK);
-        CHECK(answer == VARIANT_FALSE);
-        answer = VARIANT_TRUE;
-        CHECK(control->IsCurrentSiteTrusted(&answer) == S_OK);
-        CHECK(answer == VARIANT_FALSE);
-        answer = VARIANT_TRUE;
-        CHECK(control->IsCurrentContainerTrusted(nullptr, &answer) == S_OK);
-        CHECK(answer == VARIANT_FALSE);
+        for (int question = 0; question < 4; ++question) {
+            VARIANT_BOOL answer = VARIANT_TRUE;
+            const HRESULT hr = question == 0   ? control->IsCurrentSiteAvailable(&answer)
+                               : question == 1 ? control->IsCurrentSiteLocal(&answer)
+                               : question == 2 ? control->IsCurrentSiteTrusted(&answer)
+                                               : control->IsCurrentContainerTrusted(nullptr, &answer);
+            CHECK(hr == S_OK);
+            CHECK(answer == VARIANT_FALSE);
+        }
 
         CHECK(CountRingMessages("GetCurrentSiteURLAndZone: Failed to QI to IServiceProvider from our site.") >= 2);
         CHECK(CountRingMessages("IsCurrentSiteAvailableInternal: Failed to get current site URL.") >= 1);
@@ -227,7 +186,6 @@ TEST_SUITE("the control through IDispatch")
         // Through IDispatch a script sees the status code itself.
         VARIANT result;
         EXCEPINFO exception{};
-        DISPPARAMS none{nullptr, nullptr, 0, 0};
         VARIANT arg = BstrVariant(L"x");
         DISPPARAMS one{&arg, nullptr, 1, 0};
         ::VariantInit(&result);
@@ -237,7 +195,6 @@ TEST_SUITE("the control through IDispatch")
         ::SysFreeString(exception.bstrSource);
         ::SysFreeString(exception.bstrDescription);
         ::SysFreeString(exception.bstrHelpFile);
-        (void)none;
     }
 
     TEST_CASE("a null output pointer gives E_FAIL, NULL_POINTER_ERROR and its record")

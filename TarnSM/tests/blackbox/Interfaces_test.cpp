@@ -1,4 +1,4 @@
-#include "BlackBox.h"
+#include "PageHost.h"
 #include "ChildProcess.h"
 
 #include <doctest.h>
@@ -8,7 +8,7 @@
 
 #include <map>
 
-using namespace BlackBox;
+using namespace TarnTest;
 
 namespace {
 
@@ -77,22 +77,29 @@ TEST_SUITE("the control's standard interfaces")
         ComPtr<IObjectSafety> safety;
         REQUIRE(SUCCEEDED(control->QueryInterface(IID_IObjectSafety, reinterpret_cast<void**>(safety.GetAddressOf()))));
         DWORD supported = 0, enabled = 99;
-        CHECK(safety->GetInterfaceSafetyOptions(IID_IDispatch, &supported, &enabled) == S_OK);
-        CHECK(supported == 3);
-        CHECK(enabled == 0);
         CHECK(safety->GetInterfaceSafetyOptions(IID_IDispatch, nullptr, &enabled) == E_POINTER);
-
-        CHECK(safety->SetInterfaceSafetyOptions(IID_IDispatch, 1, 1) == S_OK);
-        CHECK(safety->SetInterfaceSafetyOptions(IID_IPersistPropertyBag, 2, 2) == S_OK);
-        CHECK(safety->GetInterfaceSafetyOptions(IID_IDispatch, &supported, &enabled) == S_OK);
-        CHECK(enabled == 3);
-        CHECK(safety->SetInterfaceSafetyOptions(IID_IDispatch, 1, 0) == S_OK);  // only masked bits change
-        CHECK(safety->GetInterfaceSafetyOptions(IID_IDispatch, &supported, &enabled) == S_OK);
-        CHECK(enabled == 2);
-
-        CHECK(safety->SetInterfaceSafetyOptions(IID_IDispatch, 4, 4) == E_FAIL);
-        CHECK(safety->SetInterfaceSafetyOptions(IID_IClassFactory, 1, 1) == E_NOINTERFACE);  // checked first
-        CHECK(safety->SetInterfaceSafetyOptions(IID_IClassFactory, 4, 4) == E_NOINTERFACE);
+        // {interface, mask, options -> result, then the enabled options of IDispatch}; in order.
+        struct Row {
+            REFIID iid;
+            DWORD mask, options;
+            HRESULT result;
+            DWORD enabledAfter;
+        };
+        const Row rows[] = {
+            {IID_IDispatch, 0, 0, S_OK, 0},
+            {IID_IDispatch, 1, 1, S_OK, 1},
+            {IID_IPersistPropertyBag, 2, 2, S_OK, 3},
+            {IID_IDispatch, 1, 0, S_OK, 2},  // only masked bits change
+            {IID_IDispatch, 4, 4, E_FAIL, 2},
+            {IID_IClassFactory, 1, 1, E_NOINTERFACE, 2},  // the interface is checked first
+            {IID_IClassFactory, 4, 4, E_NOINTERFACE, 2},
+        };
+        for (const Row& row : rows) {
+            CHECK(safety->SetInterfaceSafetyOptions(row.iid, row.mask, row.options) == row.result);
+            CHECK(safety->GetInterfaceSafetyOptions(IID_IDispatch, &supported, &enabled) == S_OK);
+            CHECK(supported == 3);
+            CHECK(enabled == row.enabledAfter);
+        }
         supported = enabled = 7;
         CHECK(safety->GetInterfaceSafetyOptions(IID_IClassFactory, &supported, &enabled) == E_NOINTERFACE);
         CHECK(supported == 0);

@@ -1,6 +1,6 @@
 // Registration writes and removes every key of the class. This changes the prefix's class
 // registration, so it runs alone (RUN_SERIAL) and leaves the control registered.
-#include "BlackBox.h"
+#include "PageHost.h"
 #include "ChildProcess.h"
 
 #include <doctest.h>

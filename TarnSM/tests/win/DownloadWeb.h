@@ -1,9 +1,8 @@
 #pragma once
-// One local web server for the download tests of this program, serving a scratch
-// directory of known files. Started on first use, stopped (and the files removed) when the
-// program ends.
+// Files of known bytes for the download tests, in a scratch folder the fixture's web server
+// serves (it serves the whole build tree, the Wine prefix included).
 
-#include "DownloadTestSupport.h"
+#include "Scratch.h"
 #include "TestServer.h"
 
 #include <memory>
@@ -12,64 +11,37 @@
 namespace DownloadTest {
 
 // Every byte value, in an order that no off-by-one copy reproduces by accident.
-inline std::string PatternBytes(size_t size, unsigned seed)
+inline std::string PatternBytes(size_t size, unsigned state)
 {
     std::string bytes(size, '\0');
-    unsigned state = seed;
-    for (size_t i = 0; i < size; ++i) {
-        state = state * 1103515245u + 12345u;
-        bytes[i] = static_cast<char>((state >> 16) & 0xFF);
-    }
+    for (auto& b : bytes)
+        b = static_cast<char>(((state = state * 1103515245u + 12345u) >> 16) & 0xFF);
     return bytes;
 }
 
-struct WebFiles {
-    static const std::string& TrustDll()
-    {
-        static const std::string bytes = PatternBytes(5000, 1);
-        return bytes;
-    }
-    static const std::string& ThreeBuffers()
-    {
-        static const std::string bytes = PatternBytes(3 * 1024, 2);
-        return bytes;
-    }
-    static const std::string& SitesDll()
-    {
-        static const std::string bytes = PatternBytes(777, 3);
-        return bytes;
-    }
-};
+const std::string kTrustDll = PatternBytes(5000, 1);
+const std::string kThreeBuffers = PatternBytes(3 * 1024, 2);
 
-class Web {
-public:
+struct Web {
     static Web& Instance()
     {
         static Web web;
         return web;
     }
+    std::string Url(const std::string& path) const { return server->Url(path); }
+    long Count(const std::string& path) const { return server->RequestCount(path); }
+    bool Running() const { return server && server->Running(); }
 
-    bool Running() const { return m_server && m_server->Running(); }
-    std::string Error() const { return m_server ? m_server->Error() : "web root not created"; }
-    const TarnTest::TestServer& Server() const { return *m_server; }
-    std::string Url(const std::string& pathAndQuery) const { return m_server->Url(pathAndQuery); }
-    long Count(const std::string& path) const { return m_server->RequestCount(path); }
+    TarnTest::TempDir root{L"www"};
+    std::unique_ptr<TarnTest::TestServer> server;
 
 private:
-    Web() : m_root(L"www")
+    Web()
     {
-        const bool filesReady = m_root.Put(L"dir\\trust.dll", WebFiles::TrustDll()) &&
-                                m_root.Put(L"dir\\three-buffers.bin", WebFiles::ThreeBuffers()) &&
-                                m_root.Put(L"dir\\empty.bin", std::string()) &&
-                                m_root.Put(L"dir\\page.html", "<html></html>") &&
-                                m_root.Put(L"data\\sites.dll", WebFiles::SitesDll());
-        const std::string unixRoot = TarnTest::UnixPathOf(m_root.Path());
-        if (filesReady && !unixRoot.empty())
-            m_server.reset(new TarnTest::TestServer(unixRoot));
+        if (root.Put(L"dir\\trust.dll", kTrustDll) && root.Put(L"dir\\three-buffers.bin", kThreeBuffers) &&
+            root.Put(L"dir\\empty.bin", "") && root.Put(L"data\\sites.dll", PatternBytes(777, 3)))
+            server.reset(new TarnTest::TestServer(TarnTest::UnixPathOf(root.Path())));
     }
-
-    TempDir m_root;
-    std::unique_ptr<TarnTest::TestServer> m_server;
 };
 
 } // namespace DownloadTest

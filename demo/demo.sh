@@ -4,7 +4,7 @@
 # that explain them.
 set -eu
 build=$(cd "$1" && pwd)
-src=$(cd "$(dirname "$0")/../.." && pwd)
+src=$(cd "$(dirname "$0")/.." && pwd)
 export WINEPREFIX="$build/wineprefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree=;mshtml="
 work="$build/demo"
 host="$build/tools/tarnhost/tarnhost.exe"
@@ -27,7 +27,7 @@ echo "== 1. The publisher builds its trust data file and signs it"
 [ -f "$build/pki/plain.pem" ] || sh "$src/testing/pki/make-pki.sh" "$build/pki" >/dev/null
 python3 "$src/testing/pki/root-reg.py" "$build/pki/root.pem" "$build/pki/root.reg"
 wine regedit /S "$(winpath "$build/pki/root.reg")"
-cp "$src/testing/demo/site.txt" "$work/site.txt"
+cp "$src/demo/site.txt" "$work/site.txt"
 (cd "$work" && wine "$tarntrust" build site.txt trust-unsigned.dll)
 sh "$src/testing/pki/sign.sh" "$build/pki/plain" "$work/trust-unsigned.dll" "$work/www/shop/trust.dll" >/dev/null
 wine "$tarntrust" show "$(winpath "$work/www/shop/trust.dll")" | sed 's/^/  /'
@@ -51,7 +51,7 @@ ask() {
     shift
     echo
     echo "== $url $*"
-    wine "$host" --url "$url" "$@" "$(winpath "$src/testing/demo/ask-site.js")"
+    wine "$host" --url "$url" "$@" "$(winpath "$src/demo/ask-site.js")"
     pid=$(wine "$tarnlog" --process tarnhost.exe | tail -n 1 | sed -n 's/.*\[PID: \(0x[0-9a-f]*\)\].*/\1/p')
     echo "  -- why (tarnlog --pid $pid --class TarnSMX::TarnSM --level 3):"
     wine "$tarnlog" --pid "$pid" --class TarnSMX::TarnSM --level 3 \
@@ -69,7 +69,7 @@ echo
 echo "== 3. A host that is not on any list is granted dynamic trust by tarngrant"
 tarngrant="$build/tools/tarngrant/tarngrant.exe"
 rm -f "$work/granted"
-wine "$host" "$(winpath "$src/testing/demo/ask-container.js")" "$(winpath "$work/granted")" >"$work/container.out" 2>&1 &
+wine "$host" "$(winpath "$src/demo/ask-container.js")" "$(winpath "$work/granted")" >"$work/container.out" 2>&1 &
 host_job=$!
 for _ in $(seq 1 100); do
     grep -q "before the grant" "$work/container.out" 2>/dev/null && break
@@ -93,4 +93,4 @@ wine "$tarngrant" list | sed 's/^/    /'
 
 echo
 echo "== 4. Every scripted member, as a page without a site sees them"
-wine "$host" --param VendorID=demo-vendor "$(winpath "$src/testing/demo/page.js")"
+wine "$host" --param VendorID=demo-vendor "$(winpath "$src/demo/page.js")"

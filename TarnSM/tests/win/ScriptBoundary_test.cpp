@@ -1,0 +1,55 @@
+// The scripting boundary every scripted member runs through: whatever the body throws, the
+// caller gets E_FAIL, error information naming the case, and the records that say why.
+#include "LogCapture.h"
+
+#include "TarnSM/win/ScriptBoundary.h"
+
+#include <doctest.h>
+
+#include <wrl/client.h>
+
+TEST_CASE("boundary table: thrown kind -> description, records (level, text)")
+{
+    ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    struct Row {
+        int kind;  // 0: a platform status code, 1: a library exception, 2: anything else
+        const wchar_t* description;
+        std::vector<std::pair<unsigned, std::string>> records;
+    };
+    const Row rows[] = {
+        {0, L"ATL_ERROR", {{1, "Probe():  Exception - Unknown."}}},
+        {1, L"NULL_POINTER_ERROR", {{1, "Probe():  Exception - NULL_POINTER_ERROR.  Extended Data = <>"}}},
+        {2, L"UNKNOWN_EXCEPTION_ERROR",
+         {{4, "Probe():  Exception - Unknown."}, {0, "Unhandled unknown exception detected. File: .\\TarnSM Line: "}}},
+    };
+    for (const Row& row : rows) {
+        CAPTURE(row.kind);
+        TarnTest::LogCapture capture;
+        const HRESULT hr = TarnSMX::RunGuarded("Probe", [&]() -> HRESULT {
+            if (row.kind == 0)
+                throw TarnSMX::ComError(E_OUTOFMEMORY);
+            if (row.kind == 1)
+                throw TarnBase::NullPointerException();
+            throw 42;
+        });
+        CHECK(hr == E_FAIL);
+        Microsoft::WRL::ComPtr<IErrorInfo> error;
+        REQUIRE(::GetErrorInfo(0, &error) == S_OK);
+        BSTR description = nullptr, source = nullptr;
+        error->GetDescription(&description);
+        error->GetSource(&source);
+        CHECK(std::wstring(description) == row.description);
+        CHECK(std::wstring(source) == L"TarnSM.TarnSM.1");
+        ::SysFreeString(description);
+        ::SysFreeString(source);
+        // Exactly these records, in this order, each matched by level and prefix.
+        std::vector<std::pair<unsigned, std::string>> seen;
+        for (const auto& r : capture.Records())
+            if (r.className == "TarnSMX::TarnSM" && seen.size() < row.records.size())
+                seen.push_back({r.level, r.message.substr(0, row.records[seen.size()].second.size())});
+            else if (r.className == "TarnSMX::TarnSM")
+                seen.push_back({r.level, r.message});
+        CHECK(seen == row.records);
+    }
+    ::CoUninitialize();
+}

@@ -1,0 +1,32 @@
+#pragma once
+// A control made in process and the page site it is put on: tarnhost's browser site, with
+// the page's own security manager, as the tests use it.
+
+#include "BrowserSite.h"
+
+#include <shlguid.h>
+#include "TarnSM/win/CTarnSM.h"
+#include "testing/support/PageHost.h"
+
+namespace BenchPage {
+
+inline Microsoft::WRL::ComPtr<TarnHost::BrowserSite> Site(const std::wstring& url)
+{
+    return TarnHost::MakeCom<TarnHost::BrowserSite>(TarnHost::SiteMode::Normal, url,
+                                                    TarnHost::MakeCom<TarnHost::SecurityManager>(
+                                                        std::vector<TarnHost::ZoneRule>{}));
+}
+
+inline IUnknown* Unknown(const Microsoft::WRL::ComPtr<TarnHost::BrowserSite>& site)
+{
+    return static_cast<IServiceProvider*>(site.Get());
+}
+
+inline Microsoft::WRL::ComPtr<TarnSMX::CTarnSM> NewControl()
+{
+    Microsoft::WRL::ComPtr<TarnSMX::CTarnSM> control;
+    control.Attach(new TarnSMX::CTarnSM());
+    return control;
+}
+
+} // namespace BenchPage
