@@ -167,3 +167,94 @@ TEST_CASE("vendor subkey names: the longest, odd punctuation, look-alikes of the
                               Utf16Script(kAsk + kContainer))) == std::vector<std::string>{row.answer});
     }
 }
+
+// What an attacker controls - a certificate's subject, the VendorID, a vendor list's
+// spelling, the page URL - never turns into "trusted" where an honest reading says no.
+// Each row is a way in that once worked.
+TEST_CASE("a signer that only looks like a trusted one signs nothing")
+{
+    TestServer server(Binary() + "/trustfiles/www");
+    REQUIRE(server.Running());
+    PageHost pages;
+    struct Row {
+        const char* file;
+        const char* answer;
+        bool refusedAsInexact;
+    };
+    const Row rows[] = {
+        {"/good.dll", "true", false},      // PlainSigner itself: the page is trusted
+        {"/lookalike.dll", "false", true}, // U+FF30 "lainSigner"
+        {"/forged.dll", "false", false},   // "2.5.4.3=PlainSigner" inside a quoted OU value
+    };
+    for (const Row& row : rows) {
+        CAPTURE(std::string(row.file));
+        const PageRun run = pages.Run(PageAt(L"http://example.com/p.html", server.Url(row.file)), Utf16Script(kAsk + kSite));
+        CHECK(Lines(run) == std::vector<std::string>{row.answer});
+        CHECK(run.Logged("VerifyAuthenticodeSignatureAndTrustedSigner (list) - Signer common name in ") ==
+              row.refusedAsInexact);
+    }
+}
+
+TEST_CASE("a VendorID that would change the registry path, or has no ANSI form, is an unknown vendor")
+{
+    TestServer server(Binary() + "/trustfiles/www");
+    REQUIRE(server.Running());
+    PageHost pages;
+    const char kInvalidVendor[] = "IsCurrentSiteTrustedInternal: Invalid VendorID parameter provided. Failling back to defaults.";
+    // The vendor trusts OtherSigner only; its own key's one subkey is "TarnSM", and
+    // tarnsm.dll is signed by a certificate of that name.
+    VendorKey vendor(Unique("PathVendor"));
+    vendor.AddSigners({L"OtherSigner"});
+    const std::wstring id = Widen(vendor.Name());
+    struct Row {
+        std::wstring vendorId;  // as a JScript literal
+        const char* file;
+        const char* answer;
+    };
+    const Row rows[] = {
+        {id + L"\\u0000", "/tarnsm.dll", "false"},
+        {id + L"\\\\TarnSM", "/tarnsm.dll", "false"},
+        {id, "/tarnsm.dll", "false"},
+        {L"Vendor\\u4e2d\\u6587", "/good.dll", "true"},  // falls back to the defaults, no error
+    };
+    for (const Row& row : rows) {
+        CAPTURE(Narrow(row.vendorId));
+        const std::wstring set = L"host.Echo(ask(function () { TarnSM.VendorID = '" + row.vendorId + L"'; return 'set'; }));\n";
+        const PageRun run = pages.Run(PageAt(L"http://example.com/p.html", server.Url(row.file)), Utf16Script(kAsk + set + kSite));
+        CHECK(Lines(run) == std::vector<std::string>{"set", row.answer});
+        CHECK(run.Logged(kInvalidVendor) == (row.vendorId != id));
+        CHECK_FALSE(run.Logged("Throwing "));
+    }
+    // The same text as a page parameter goes through IPersistPropertyBag::Load.
+    std::vector<std::wstring> options = PageAt(L"http://example.com/p.html", server.Url("/good.dll"));
+    options.insert(options.end(), {L"--param", L"VendorID=Vendor\x4E2D\x6587"});
+    const PageRun run = pages.Run(options, Utf16Script(kAsk + L"host.Echo(TarnSM.VendorID === 'Vendor\x4E2D\x6587');\n" + kSite));
+    CHECK(Lines(run) == std::vector<std::string>{"true", "true"});
+    CHECK(run.Logged(kInvalidVendor));
+}
+
+TEST_CASE("container trust: an unreadable page or vendor name never brings back a trusted name")
+{
+    PageHost pages;
+    VendorKey vendor(Unique("InexactOnly"));
+    vendor.AddContainers({L"\xFF4Dyhost.exe"});
+    struct Row {
+        const char* what;
+        std::vector<std::wstring> options;
+        const char* record;
+    };
+    const Row rows[] = {
+        {"a remote page whose URL has no ANSI form is still a remote page",
+         {L"--url", L"http://127.0.0.1/\x0436/page.html"},
+         "IsCurrentContainerTrustedInternal: Current site's URL or security zone cannot be read. Container trust cannot be determined."},
+        {"a vendor listing only a name without an exact ANSI form still replaces the built-in list",
+         {L"--param", L"VendorID=" + Widen(vendor.Name())}, nullptr},
+    };
+    for (const Row& row : rows) {
+        CAPTURE(row.what);
+        const PageRun run = pages.Run(row.options, kAskContainerScript, {}, L"mshta.exe");
+        CHECK(Lines(run) == std::vector<std::string>{"false"});
+        if (row.record)
+            CHECK(run.Logged(row.record));
+    }
+}
