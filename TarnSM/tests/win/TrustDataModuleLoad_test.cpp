@@ -83,24 +83,19 @@ TEST_CASE("a built trust data module loads as a data file and its strings load w
     CHECK(buffer.compare(0, 6000, list) == 0);
 }
 
-TEST_CASE("the loader and the portable reader agree on every id of a module's blocks")
+TEST_CASE("the loader finds every id of a module's blocks, and nothing else")
 {
     Strings strings;
     for (uint16_t id = 96; id < 128; id += 3)
         strings[id] = "id" + std::to_string(id);
     strings[200] = std::string(300, 'w');
-    const std::vector<uint8_t> image = BuildTrustDataModule(strings);
-    Strings read;
-    std::string error;
-    REQUIRE(ReadTrustDataStrings(image.data(), image.size(), read, error));
-
-    TempModule file(image);
+    TempModule file(BuildTrustDataModule(strings));
     HMODULE module = file.Load();
     REQUIRE(module != nullptr);
     for (UINT id = 90; id < 220; ++id) {
-        auto it = read.find(static_cast<uint16_t>(id));
+        auto it = strings.find(static_cast<uint16_t>(id));
         INFO("id " << id);
-        CHECK(LoadInPlace(module, id) == (it == read.end() ? std::string() : it->second));
+        CHECK(LoadInPlace(module, id) == (it == strings.end() ? std::string() : it->second));
     }
 }
 
