@@ -1,8 +1,12 @@
 #pragma once
-// Collects the records this process hands to the logger while the capture lives.
+// Collects the records this process hands to the logger while the capture lives, and checks
+// a scenario's records against one table of expected records.
 
 #include "TarnLog/Log.h"
 
+#include <doctest.h>
+
+#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -77,5 +81,62 @@ private:
     mutable std::mutex m_lock;
     std::vector<CapturedRecord> m_records;
 };
+
+// One expected record. An empty class or a level of -1 matches any; a text ending in "..."
+// matches every message that starts with the text before the dots.
+struct ExpectedRecord {
+    std::string className;
+    int level;
+    std::string text;
+
+    bool Matches(const CapturedRecord& record) const
+    {
+        const bool prefix = text.size() >= 3 && text.compare(text.size() - 3, 3, "...") == 0;
+        const bool textMatches = prefix ? record.message.compare(0, text.size() - 3, text, 0, text.size() - 3) == 0
+                                        : record.message == text;
+        return textMatches && (className.empty() || record.className == className) &&
+               (level < 0 || static_cast<int>(record.level) == level);
+    }
+};
+
+inline std::string Describe(const std::vector<CapturedRecord>& records)
+{
+    std::string text;
+    for (const auto& r : records)
+        text += "  {" + r.className + ", " + std::to_string(r.level) + ", " + r.message + "}\n";
+    return text;
+}
+
+// The records captured so far are exactly `expected`, in order; on a mismatch the check
+// fails and shows every record that was captured.
+inline bool Expect(const LogCapture& capture, std::initializer_list<ExpectedRecord> expected)
+{
+    const auto records = capture.Records();
+    bool same = records.size() == expected.size();
+    size_t i = 0;
+    for (auto it = expected.begin(); same && it != expected.end(); ++it, ++i)
+        same = it->Matches(records[i]);
+    std::string wanted;
+    for (const auto& e : expected)
+        wanted += "  {" + e.className + ", " + std::to_string(e.level) + ", " + e.text + "}\n";
+    INFO("expected:\n" << wanted << "captured:\n" << Describe(records));
+    CHECK(same);
+    return same;
+}
+
+// Like Expect, but other records may come between and around the expected ones.
+inline bool ExpectInOrder(const LogCapture& capture, std::initializer_list<ExpectedRecord> expected)
+{
+    const auto records = capture.Records();
+    auto it = expected.begin();
+    for (size_t i = 0; i < records.size() && it != expected.end(); ++i)
+        if (it->Matches(records[i]))
+            ++it;
+    const bool found = it == expected.end();
+    INFO("first record not found in order: " << (found ? std::string() : it->text) << "\ncaptured:\n"
+                                             << Describe(records));
+    CHECK(found);
+    return found;
+}
 
 } // namespace TarnTest
