@@ -195,25 +195,6 @@ TEST_CASE("the wrapper swallows what the worker throws")
     }
 }
 
-TEST_CASE("a suspended worker makes no progress until resumed, however often it was suspended")
-{
-    Worker worker(Worker::Spins);
-    REQUIRE(worker.Execute());
-    while (worker.count == 0)
-        ::Sleep(1);
-    worker.Suspend();
-    worker.Suspend();
-    CHECK(worker.IsSuspended());
-    const long frozen = worker.count;
-    ::Sleep(50);
-    CHECK(worker.count == frozen);
-    worker.Resume();
-    CHECK_FALSE(worker.IsSuspended());
-    for (int i = 0; i < 5000 && worker.count == frozen; ++i)
-        ::Sleep(1);
-    CHECK(worker.count != frozen);
-}
-
 TEST_CASE("WaitForThreadToEnd: ended, timed out, no thread, aborted waiter, early stop event")
 {
     Worker worker(Worker::Parks), waiter(Worker::Parks);
