@@ -89,7 +89,7 @@ TEST_CASE("trust decision over both lists: denied wins, the first match decides,
         {{"nomatch.org", "*.example.com", "example.com"}, {"other.org"}, "a.example.com", true, 3, found},
     };
     for (const auto& row : table) {
-        INFO(row.domain);
+        INFO(std::string(row.domain));
         TarnTest::LogCapture capture;
         CHECK(GetTrust(row.trusted, row.denied, row.domain) == row.result);
         TarnTest::Expect(capture, {{"TarnSMX::TarnSM", row.level, row.record}});
@@ -145,7 +145,7 @@ TEST_CASE("site list linter points at lines the loader would misread")
         {"+exa mple.com\n-host:8080", {{1, ""}, {2, ""}}},
     };
     for (const auto& row : table) {
-        INFO(row.text);
+        INFO(std::string(row.text));
         const auto found = LintSiteList(row.text);
         REQUIRE(found.size() == row.warnings.size());
         for (size_t i = 0; i < found.size(); ++i) {

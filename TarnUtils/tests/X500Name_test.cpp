@@ -42,7 +42,7 @@ TEST_CASE("an attribute's value is found by its exact type; malformed names end 
         {"2.5.4.6=\"US\"junk, 2.5.4.3=After", "2.5.4.3", "After"},
     };
     for (const auto& row : table) {
-        INFO(row.subject);
+        INFO(std::string(row.subject));
         // A heap copy lets the address sanitizer see any read beyond the terminator.
         std::vector<char> copy(row.subject, row.subject + std::strlen(row.subject) + 1);
         CHECK(ExtractX500NameString(copy.data(), row.type) == row.value);

@@ -99,44 +99,33 @@ struct ExpectedRecord {
     }
 };
 
-inline std::string Describe(const std::vector<CapturedRecord>& records)
-{
-    std::string text;
-    for (const auto& r : records)
-        text += "  {" + r.className + ", " + std::to_string(r.level) + ", " + r.message + "}\n";
-    return text;
-}
-
-// The records captured so far are exactly `expected`, in order; on a mismatch the check
-// fails and shows every record that was captured.
-inline bool Expect(const LogCapture& capture, std::initializer_list<ExpectedRecord> expected)
+// The records captured so far are `expected` in order: exactly those when `only`, else with
+// other records between and around them. A mismatch fails the check and shows every record.
+inline bool Expect(const LogCapture& capture, std::initializer_list<ExpectedRecord> expected, bool only = true)
 {
     const auto records = capture.Records();
-    bool same = records.size() == expected.size();
-    size_t i = 0;
-    for (auto it = expected.begin(); same && it != expected.end(); ++it, ++i)
-        same = it->Matches(records[i]);
-    std::string wanted;
+    auto it = expected.begin();
+    bool same = !only || records.size() == expected.size();
+    for (size_t i = 0; same && i < records.size() && it != expected.end(); ++i)
+        if (it->Matches(records[i]))
+            ++it;
+        else
+            same = !only;
+    same = same && it == expected.end();
+    std::string text = "expected:\n";
     for (const auto& e : expected)
-        wanted += "  {" + e.className + ", " + std::to_string(e.level) + ", " + e.text + "}\n";
-    INFO("expected:\n" << wanted << "captured:\n" << Describe(records));
+        text += "  {" + e.className + ", " + std::to_string(e.level) + ", " + e.text + "}\n";
+    text += only ? "captured, exactly:\n" : "captured, in this order with others:\n";
+    for (const auto& r : records)
+        text += "  {" + r.className + ", " + std::to_string(r.level) + ", " + r.message + "}\n";
+    INFO(text);
     CHECK(same);
     return same;
 }
 
-// Like Expect, but other records may come between and around the expected ones.
 inline bool ExpectInOrder(const LogCapture& capture, std::initializer_list<ExpectedRecord> expected)
 {
-    const auto records = capture.Records();
-    auto it = expected.begin();
-    for (size_t i = 0; i < records.size() && it != expected.end(); ++i)
-        if (it->Matches(records[i]))
-            ++it;
-    const bool found = it == expected.end();
-    INFO("first record not found in order: " << (found ? std::string() : it->text) << "\ncaptured:\n"
-                                             << Describe(records));
-    CHECK(found);
-    return found;
+    return Expect(capture, expected, false);
 }
 
 } // namespace TarnTest

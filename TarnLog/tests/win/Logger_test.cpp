@@ -196,7 +196,7 @@ TEST_CASE("the logger's registry values decide where a record goes: ring, critic
          {{"EnableOutputDebugString", REG_BINARY, one4}}, true, true, true, false, false},
     };
     for (const auto& row : table) {
-        INFO(row.what);
+        INFO(std::string(row.what));
         const std::string nonce = Nonce();
         const std::string debugText = "Config: debug " + nonce + ".", errorText = "Config: error " + nonce + ".";
         LoggerValues values(row.values);

@@ -57,15 +57,6 @@ std::vector<std::string> Formatted(const std::vector<TarnLog::LogRecord>& record
     return lines;
 }
 
-std::vector<TarnLog::LogRecord> Mine(const TarnLog::RingSnapshot& snapshot)
-{
-    std::vector<TarnLog::LogRecord> mine;
-    for (const auto& record : snapshot.records)
-        if (record.processId == ::GetCurrentProcessId())
-            mine.push_back(record);
-    return mine;
-}
-
 // The slot a follower of that pid holds, or -1.
 int FollowerSlot(DWORD followerPid)
 {
@@ -110,7 +101,7 @@ TEST_CASE("before any process has logged: the dump says so, a follower waits for
     TarnLog::Log("Tool::First", 0, "Tool: third %s.", nonce.c_str());
     REQUIRE(follower.Wait(10000));
     CHECK(follower.ExitCode() == 0u);
-    CHECK(Lines(follower.Out()) == Formatted(Mine(Snapshot())));
+    CHECK(Lines(follower.Out()) == Formatted(TarnTest::RingReader().RecordsOfProcess(::GetCurrentProcessId())));
     CHECK(FollowerSlot(follower.Id()) == -1);
 }
 
@@ -161,7 +152,7 @@ TEST_CASE("a follower prints new records as they land, counts what it lost, and 
     REQUIRE(StartFollower(follower, {L"--pid", OwnPid(), L"--count", std::to_wstring(count + overrun + 2)}));
     REQUIRE(WaitUntil([&] { return FollowerSlot(follower.Id()) >= 0; }, 10000));
     const size_t printedAtStart = Lines(follower.Out()).size();
-    CHECK(printedAtStart == Mine(Snapshot()).size());
+    CHECK(printedAtStart == TarnTest::RingReader().RecordsOfProcess(::GetCurrentProcessId()).size());
 
     const std::string nonce = Nonce();
     TarnLog::Log("Tool::Follow", 2, "Follow: live %s 1.", nonce.c_str());
