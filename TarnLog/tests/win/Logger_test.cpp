@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <ctime>
 #include <functional>
-#include <optional>
 #include <thread>
 
 using namespace TarnTest;
