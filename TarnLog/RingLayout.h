@@ -35,6 +35,8 @@ struct RingHeader {
 static_assert(sizeof(NotificationSlot) == 40, "slot size");
 static_assert(sizeof(RingHeader) == kRingHeaderSize, "header size");
 static_assert(offsetof(RingHeader, slots) == 12, "slots offset");
+static_assert(offsetof(NotificationSlot, inUse) == 32, "slot in-use flag offset");
+static_assert(kRingEntrySize == sizeof(LogRecord), "one entry is one record");
 
 // Bytes needed for `entries` entries; false when the count is 0, absurd, or overflows.
 bool RingBytes(uint32_t entries, size_t& bytes);

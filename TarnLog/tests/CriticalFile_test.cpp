@@ -4,7 +4,6 @@
 
 #include <doctest.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -21,14 +20,11 @@ namespace {
 class TempFile {
 public:
     TempFile()
+        : m_path((std::filesystem::temp_directory_path() /
+                  ("tarn-critical-" + std::to_string(std::random_device()()) + "-" +
+                   std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()) + ".txt"))
+                     .string())
     {
-        static std::atomic<unsigned> counter{0};
-        std::random_device random;
-        const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
-        m_path = (std::filesystem::temp_directory_path() /
-                  ("tarn-critical-" + std::to_string(random()) + "-" + std::to_string(now) + "-" +
-                   std::to_string(counter++) + ".txt"))
-                     .string();
     }
     ~TempFile()
     {
@@ -36,17 +32,12 @@ public:
         std::filesystem::remove(m_path, ignored);
     }
     const std::string& Path() const { return m_path; }
-
     std::string Bytes() const
     {
         std::ifstream in(m_path, std::ios::binary);
         return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
-    void Write(const std::string& bytes) const
-    {
-        std::ofstream out(m_path, std::ios::binary | std::ios::trunc);
-        out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    }
+    void Write(const std::string& bytes) const { std::ofstream(m_path, std::ios::binary) << bytes; }
 
 private:
     std::string m_path;
@@ -54,17 +45,13 @@ private:
 
 std::string Le32(uint32_t value)
 {
-    std::string bytes(4, '\0');
-    for (int i = 0; i < 4; ++i)
-        bytes[i] = static_cast<char>((value >> (8 * i)) & 0xFF);
-    return bytes;
+    return std::string(reinterpret_cast<const char*>(&value), 4);
 }
 
 uint32_t PositionOf(const std::string& bytes)
 {
     uint32_t position = 0;
-    REQUIRE(bytes.size() >= 4);
-    std::memcpy(&position, bytes.data(), 4);
+    std::memcpy(&position, bytes.data(), bytes.size() >= 4 ? 4 : 0);
     return position;
 }
 
@@ -97,104 +84,66 @@ TEST_CASE("the first and second records of a new critical file, byte by byte")
     const CriticalFileContents contents = ReadCriticalRecords(file.Bytes());
     CHECK(contents.positionValid);
     CHECK(contents.position == secondEnd);
-    REQUIRE(contents.records.size() == 2);
-    CHECK(contents.records[0] == first);
-    CHECK(contents.records[1] == second);
+    CHECK(contents.records == std::vector<std::string>{first, second});
 }
 
 TEST_CASE("a full critical file wraps: the old tail becomes blanks and writing starts again at offset 6")
 {
     TempFile file;
     int n = 0;
-    while (file.Bytes().size() < 4 || PositionOf(file.Bytes()) < kCriticalWrapPosition)
+    while (PositionOf(file.Bytes()) < kCriticalWrapPosition)
         REQUIRE(AppendCriticalRecord(file.Path(), RecordText(n++)));
     const std::string before = file.Bytes();
     const uint32_t oldPosition = PositionOf(before);
     REQUIRE(before.size() == oldPosition);  // until the first wrap the file ends at its separator
-    REQUIRE(before.compare(oldPosition - 25, 25, kSeparator) == 0);
 
-    const std::string wrapped = "[11/23/2026 10:00:00][Process: host.exe][PID: 0x1][Thread: 0x2][Class: Probe][Msg: after wrap]";
+    const std::string wrapped = RecordText(5000);
     REQUIRE(AppendCriticalRecord(file.Path(), wrapped));
     const std::string after = file.Bytes();
     const uint32_t newPosition = 6 + static_cast<uint32_t>(wrapped.size()) + 2 + 25;
     REQUIRE(after.size() == before.size());  // never truncated
     CHECK(PositionOf(after) == newPosition);
-    CHECK(after.compare(4, 2, "\r\n") == 0);
-    CHECK(after.compare(6, wrapped.size(), wrapped) == 0);
-    CHECK(after.compare(6 + wrapped.size(), 27, "\r\n" + kSeparator) == 0);
-    // Between the new separator and the old one's place the old bytes survive ...
-    CHECK(after.compare(newPosition, oldPosition - 25 - newPosition, before, newPosition,
-                        oldPosition - 25 - newPosition) == 0);
-    // ... and from the old separator to the end there are only blanks.
-    CHECK(after.substr(oldPosition - 25) == std::string(after.size() - (oldPosition - 25), ' '));
-    CHECK(after.find(kSeparator) == newPosition - 25);
+    CHECK(after.compare(4, newPosition - 4, "\r\n" + wrapped + "\r\n" + kSeparator) == 0);
+    // Between the new separator and the old one's place the old bytes survive; from the old
+    // separator to the end there are only blanks.
+    const size_t oldSeparator = oldPosition - 25;
+    CHECK(after.compare(newPosition, oldSeparator - newPosition, before, newPosition, oldSeparator - newPosition) == 0);
+    CHECK(after.substr(oldSeparator) == std::string(after.size() - oldSeparator, ' '));
     CHECK(after.find(kSeparator, newPosition) == std::string::npos);
 
-    // Read back: the surviving old records first, in their order, the new one last.
-    const CriticalFileContents contents = ReadCriticalRecords(after);
-    CHECK(contents.positionValid);
-    REQUIRE(contents.records.size() >= 2);
-    CHECK(contents.records.back() == wrapped);
-    CHECK(contents.records[contents.records.size() - 2] == RecordText(n - 1));
-    for (size_t i = 1; i + 1 < contents.records.size(); ++i)
-        CHECK(contents.records[i] > contents.records[i - 1]);  // record numbers rise
-    for (const auto& record : contents.records)
-        CHECK(record.find(' ' + std::string(3, ' ')) == std::string::npos);
+    // Read back: the surviving old records in their order, the new one last.
+    const auto records = ReadCriticalRecords(after).records;
+    REQUIRE(records.size() >= 2);
+    CHECK(records.back() == wrapped);
+    CHECK(records[records.size() - 2] == RecordText(n - 1));
+    for (size_t i = 1; i + 1 < records.size(); ++i)
+        CHECK(records[i] > records[i - 1]);  // record numbers rise
 
     // The record after the wrap goes where the wrap's separator was.
-    const std::string next = RecordText(9999);
-    REQUIRE(AppendCriticalRecord(file.Path(), next));
-    CHECK(PositionOf(file.Bytes()) == newPosition - 25 + next.size() + 27);
-    CHECK(ReadCriticalRecords(file.Bytes()).records.back() == next);
+    REQUIRE(AppendCriticalRecord(file.Path(), RecordText(9999)));
+    CHECK(PositionOf(file.Bytes()) == newPosition - 25 + RecordText(9999).size() + 27);
 }
 
-TEST_CASE("a damaged critical position makes the writer start again at offset 4")
+TEST_CASE("a damaged critical file: the writer starts again at offset 4, the reader keeps record-shaped lines")
 {
-    TempFile file;
     const std::string text = RecordText(7);
-    const std::string oldBody(200, 'x');
+    for (const std::string& damaged : {Le32(99999) + std::string(200, 'x'), Le32(10) + std::string(200, 'x'),
+                                       Le32(0) + std::string(200, 'x'), std::string("ab")}) {
+        TempFile file;
+        file.Write(damaged);
+        REQUIRE(AppendCriticalRecord(file.Path(), text));
+        const uint32_t end = 6 + static_cast<uint32_t>(text.size()) + 27;
+        CHECK(PositionOf(file.Bytes()) == end);
+        CHECK(file.Bytes().substr(4, end - 4) == "\r\n" + text + "\r\n" + kSeparator);
+        CHECK(ReadCriticalRecords(file.Bytes()).records.front() == text);
+    }
 
-    SUBCASE("a position past the end of the file")
-    {
-        file.Write(Le32(99999) + oldBody);
-    }
-    SUBCASE("a position too small to follow a separator")
-    {
-        file.Write(Le32(10) + oldBody);
-    }
-    SUBCASE("a position of zero")
-    {
-        file.Write(Le32(0) + oldBody);
-    }
-    SUBCASE("a file shorter than its position field")
-    {
-        file.Write("ab");
-    }
-    REQUIRE(AppendCriticalRecord(file.Path(), text));
-    const std::string bytes = file.Bytes();
-    const uint32_t end = 6 + static_cast<uint32_t>(text.size()) + 27;
-    CHECK(PositionOf(bytes) == end);
-    CHECK(bytes.substr(4, end - 4) == "\r\n" + text + "\r\n" + kSeparator);
-    const CriticalFileContents contents = ReadCriticalRecords(bytes);
-    CHECK(contents.positionValid);
-    REQUIRE_FALSE(contents.records.empty());
-    CHECK(contents.records.front() == text);
-}
-
-TEST_CASE("reading a damaged critical file keeps the record-shaped lines in file order")
-{
-    const std::string a = RecordText(1);
-    const std::string b = RecordText(2);
     // The position points into the middle of a record rather than after a separator.
-    const std::string bytes = Le32(20) + "\r\n" + a + "\r\ngarbage line\r\n" + b + "\r\n" + kSeparator + "\r\n" +
-                              std::string(40, ' ');
-    const CriticalFileContents contents = ReadCriticalRecords(bytes);
+    const std::string a = RecordText(1), b = RecordText(2);
+    const CriticalFileContents contents = ReadCriticalRecords(Le32(20) + "\r\n" + a + "\r\ngarbage line\r\n" + b +
+                                                              "\r\n" + kSeparator + "\r\n" + std::string(40, ' '));
     CHECK_FALSE(contents.positionValid);
-    CHECK(contents.position == 20);
-    REQUIRE(contents.records.size() == 2);
-    CHECK(contents.records[0] == a);
-    CHECK(contents.records[1] == b);
-
+    CHECK(contents.records == std::vector<std::string>{a, b});
     CHECK(ReadCriticalRecords("").records.empty());
     CHECK_FALSE(ReadCriticalRecords("abc").positionValid);
     CHECK(ReadCriticalRecords(Le32(0xFFFFFFFFu)).records.empty());

@@ -42,67 +42,55 @@ bool ThrowOnBoom(const std::string& token, std::string& decoded)
 
 } // namespace
 
-TEST_CASE("alternative trust list tokens become lower-case container names")
+TEST_CASE("alternative trust list tokens become lower-case container names, never the browser")
 {
-    TarnTest::LogCapture capture;
-    Names containers{"mshta.exe"};
-
-    SUBCASE("separator runs give no empty tokens; names are appended after the existing list")
-    {
-        AddAltTrustList(containers, ";;bXlob3N0LmV4ZQ==;");
-        CHECK(containers == Names{"mshta.exe", "myhost.exe"});
+    const struct { const char* list; Names added; } table[] = {
+        // Separator runs give no empty tokens; names are appended after the existing list.
+        {";;bXlob3N0LmV4ZQ==;", {"myhost.exe"}},
+        // MyHost.EXE, myhost.exe without padding, other.exe: lower-cased, in order, not de-duplicated.
+        {"TXlIb3N0LkVYRQ==;bXlob3N0LmV4ZQ;b3RoZXIuZXhl", {"myhost.exe", "myhost.exe", "other.exe"}},
+        // IEXPLORE.EXE, iexplore.exe and a zero byte, iexplore.exe2.
+        {"SUVYUExPUkUuRVhF;aWV4cGxvcmUuZXhlAA==;aWV4cGxvcmUuZXhlMg==", {"iexplore.exe2"}},
+    };
+    for (const auto& row : table) {
+        TarnTest::LogCapture capture;
+        Names containers{"mshta.exe"};
+        AddAltTrustList(containers, row.list);
+        Names expected{"mshta.exe"};
+        expected.insert(expected.end(), row.added.begin(), row.added.end());
+        CHECK(containers == expected);
         CHECK(capture.Records().empty());
     }
-    SUBCASE("names are lower-cased, kept in order and not de-duplicated")
-    {
-        // TXlIb3N0LkVYRQ== is MyHost.EXE; bXlob3N0LmV4ZQ is myhost.exe without padding.
-        AddAltTrustList(containers, "TXlIb3N0LkVYRQ==;bXlob3N0LmV4ZQ;b3RoZXIuZXhl");
-        CHECK(containers == Names{"mshta.exe", "myhost.exe", "myhost.exe", "other.exe"});
-    }
-    SUBCASE("the browser itself is never added, whatever its case")
-    {
-        // SUVYUExPUkUuRVhF is IEXPLORE.EXE; aWV4cGxvcmUuZXhlAA== is iexplore.exe and a zero byte.
-        AddAltTrustList(containers, "SUVYUExPUkUuRVhF;aWV4cGxvcmUuZXhlAA==;aWV4cGxvcmUuZXhlMg==");
-        CHECK(containers == Names{"mshta.exe", "iexplore.exe2"});
-    }
-    SUBCASE("an empty list adds nothing and decodes nothing")
-    {
-        g_decodeCalls = 0;
-        AddAltTrustList(containers, "", &FailOnBang);
-        AddAltTrustList(containers, ";;;", &FailOnBang);
-        CHECK(g_decodeCalls == 0);
-        CHECK(containers == Names{"mshta.exe"});
-    }
+    // An empty list adds nothing and decodes nothing.
+    Names containers;
+    g_decodeCalls = 0;
+    AddAltTrustList(containers, "", &FailOnBang);
+    AddAltTrustList(containers, ";;;", &FailOnBang);
+    CHECK(g_decodeCalls == 0);
+    CHECK(containers.empty());
+    CHECK(ToLowerAscii("@[`{AZaz09\xC4") == "@[`{azaz09\xC4");
 }
 
-TEST_CASE("undecodable tokens and library exceptions never stop the host")
+// A departure that protects the host: a token that keeps failing is retried a bounded number
+// of times and passed over, where the documented rule would repeat its message without end.
+TEST_CASE("departure: an undecodable token is retried a few times, then passed over")
 {
     TarnTest::LogCapture capture;
     Names containers;
-
-    SUBCASE("a token that keeps failing is retried a few times, then passed over")
-    {
-        g_decodeCalls = 0;
-        AddAltTrustList(containers, "First.exe;!bad;Last.exe", &FailOnBang);
-        CHECK(containers == Names{"first.exe", "last.exe"});
-        CHECK(g_decodeCalls == 5);
-        CHECK(capture.Count(DecodeFailedFor("!bad")) == 3);
-        for (const auto& r : capture.Records()) {
-            CHECK(r.level == 2);
-            CHECK(r.className == "TarnSMX::TarnSM");
-        }
-    }
-    SUBCASE("a library exception ends processing, keeping the names added so far")
-    {
-        AddAltTrustList(containers, "a.exe;boom;b.exe", &ThrowOnBoom);
-        CHECK(containers == Names{"a.exe"});
-        CHECK(capture.Has("AddAltTrustList: TarnBase::BaseException encountered during processing. "
-                          "Error identifier: OUT_OF_MEMORY_ERROR.",
-                          2));
-    }
+    g_decodeCalls = 0;
+    AddAltTrustList(containers, "First.exe;!bad;Last.exe", &FailOnBang);
+    CHECK(containers == Names{"first.exe", "last.exe"});
+    CHECK(g_decodeCalls == 5);
+    const TarnTest::ExpectedRecord failed{"TarnSMX::TarnSM", 2, DecodeFailedFor("!bad")};
+    TarnTest::Expect(capture, {failed, failed, failed});
 }
 
-TEST_CASE("ASCII lower-casing leaves other bytes alone")
+TEST_CASE("a library exception ends processing, keeping the names added so far")
 {
-    CHECK(ToLowerAscii("@[`{AZaz09\xC4") == "@[`{azaz09\xC4");
+    TarnTest::LogCapture capture;
+    Names containers;
+    AddAltTrustList(containers, "a.exe;boom;b.exe", &ThrowOnBoom);
+    CHECK(containers == Names{"a.exe"});
+    TarnTest::Expect(capture, {{"TarnSMX::TarnSM", 2, "AddAltTrustList: TarnBase::BaseException encountered during processing. "
+                                                      "Error identifier: OUT_OF_MEMORY_ERROR."}});
 }

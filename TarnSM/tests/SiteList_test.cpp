@@ -1,3 +1,5 @@
+// The single copy of the site-list rules: parsing, matching one entry, the decision over both
+// lists, scheme to list, signer splitting and the publisher's lint.
 #include "TarnSM/SiteList.h"
 #include "TarnSM/SignerList.h"
 #include "LogCapture.h"
@@ -9,202 +11,146 @@ using Names = std::vector<std::string>;
 
 TEST_CASE("site list text is cut into trusted and denied entries")
 {
-    Names trusted, denied;
-
-    SUBCASE("CR LF, LF and CR all end lines; empty lines and comments vanish")
-    {
-        REQUIRE(ParseSiteInfo("+a.example\r\n\r\n-b.example\n#note", trusted, denied));
-        CHECK(trusted == Names{"a.example"});
-        CHECK(denied == Names{"b.example"});
-
-        trusted.clear();
-        denied.clear();
-        REQUIRE(ParseSiteInfo("\n\r+one\r+two\n\r\n-three\r\r\n\n+four", trusted, denied));
-        CHECK(trusted == Names{"one", "two", "four"});
-        CHECK(denied == Names{"three"});
-    }
-    SUBCASE("entries are kept as written: blanks, case, order, even when empty")
-    {
-        REQUIRE(ParseSiteInfo("+ example.com\n+Example.COM \n-\n+\n+=x\n+*.y", trusted, denied));
-        CHECK(trusted == Names{" example.com", "Example.COM ", "", "=x", "*.y"});
-        CHECK(denied == Names{""});
-    }
-    SUBCASE("only the first character decides; the rest may hold signs")
-    {
-        REQUIRE(ParseSiteInfo(" +a\n--b\n+-c\nx+d", trusted, denied));
-        CHECK(trusted == Names{"-c"});
-        CHECK(denied == Names{"-b"});
-    }
-    SUBCASE("a text without entries is still read successfully, and lists are appended to")
-    {
-        trusted = {"kept"};
-        CHECK(ParseSiteInfo("", trusted, denied));
-        CHECK(ParseSiteInfo("# nothing here\r\n", trusted, denied));
-        CHECK(ParseSiteInfo("+added", trusted, denied));
-        CHECK(trusted == Names{"kept", "added"});
-        CHECK(denied.empty());
-    }
-    SUBCASE("a zero byte ends the text, as it does for the resource string")
-    {
-        REQUIRE(ParseSiteInfo(std::string("+a.example\0\n+b.example", 22), trusted, denied));
-        CHECK(trusted == Names{"a.example"});
+    const struct { std::string text; Names trusted, denied; } table[] = {
+        // CR LF, LF and CR all end lines; empty lines and comments vanish.
+        {"+a.example\r\n\r\n-b.example\n#note", {"a.example"}, {"b.example"}},
+        {"\n\r+one\r+two\n\r\n-three\r\r\n\n+four", {"one", "two", "four"}, {"three"}},
+        // Entries are kept as written: blanks, case, order, even when empty.
+        {"+ example.com\n+Example.COM \n-\n+\n+=x\n+*.y", {" example.com", "Example.COM ", "", "=x", "*.y"}, {""}},
+        // Only the first character decides.
+        {" +a\n--b\n+-c\nx+d", {"-c"}, {"-b"}},
+        {"", {}, {}},
+        {"# nothing here\r\n", {}, {}},
+        // A zero byte ends the text, as it does for the resource string.
+        {std::string("+a.example\0\n+b.example", 22), {"a.example"}, {}},
+    };
+    for (const auto& row : table) {
+        Names trusted{"kept"}, denied;  // lists are appended to
+        REQUIRE(ParseSiteInfo(row.text, trusted, denied));
+        Names expected{"kept"};
+        expected.insert(expected.end(), row.trusted.begin(), row.trusted.end());
+        CHECK(trusted == expected);
+        CHECK(denied == row.denied);
     }
 }
 
 TEST_CASE("matching one entry against a domain")
 {
-    SUBCASE("a bare domain matches itself and whole-label subdomains only")
-    {
-        CHECK(MatchSite("example.com", "example.com"));
-        CHECK(MatchSite("example.com", "shop.example.com"));
-        CHECK_FALSE(MatchSite("example.com", "badexample.com"));
-        CHECK_FALSE(MatchSite("example.com", "example.com.evil.net"));
-        CHECK_FALSE(MatchSite("shop.example.com", "example.com"));
-    }
-    SUBCASE("a wildcard matches subdomains, never the domain itself")
-    {
-        CHECK(MatchSite("*.example.com", "shop.example.com"));
-        CHECK_FALSE(MatchSite("*.example.com", "example.com"));
-        CHECK_FALSE(MatchSite("*.example.com", "badexample.com"));
-        CHECK(MatchSite("*.c", "b.c"));
-        CHECK_FALSE(MatchSite("*.c", "c"));
-    }
-    SUBCASE("an exact entry matches the domain itself only")
-    {
-        CHECK(MatchSite("=example.com", "example.com"));
-        CHECK_FALSE(MatchSite("=example.com", "shop.example.com"));
-        CHECK(MatchSite("=c", "c"));
-    }
-    SUBCASE("comparison is case-sensitive")
-    {
-        CHECK_FALSE(MatchSite("Example.com", "example.com"));
-        CHECK_FALSE(MatchSite("*.Example.com", "shop.example.com"));
-    }
-    SUBCASE("too short to be a wildcard or exact entry: compared as a bare domain")
-    {
-        // A bare "*." is a literal pattern, so it admits no real domain at all.
-        CHECK(MatchSite("*.", "*."));
-        CHECK(MatchSite("*.", "a.*."));
-        CHECK_FALSE(MatchSite("*.", "example.com"));
-        CHECK_FALSE(MatchSite("*.", "example.com."));
-        CHECK(MatchSite("=", "="));
-        CHECK_FALSE(MatchSite("=", "example.com"));
-    }
-    SUBCASE("an entry longer than the domain never matches")
-    {
-        CHECK_FALSE(MatchSite("example.com", "com"));
-        CHECK_FALSE(MatchSite("=example.com", "e.com"));
-        CHECK_FALSE(MatchSite("example.com", ""));
+    const struct { const char* entry; const char* domain; bool match; } table[] = {
+        // A bare domain matches itself and whole-label subdomains only.
+        {"example.com", "example.com", true},
+        {"example.com", "shop.example.com", true},
+        {"example.com", "badexample.com", false},
+        {"example.com", "example.com.evil.net", false},
+        {"shop.example.com", "example.com", false},
+        // A wildcard matches subdomains, never the domain itself.
+        {"*.example.com", "shop.example.com", true},
+        {"*.example.com", "example.com", false},
+        {"*.example.com", "badexample.com", false},
+        {"*.c", "b.c", true},
+        {"*.c", "c", false},
+        // An exact entry matches the domain itself only.
+        {"=example.com", "example.com", true},
+        {"=example.com", "shop.example.com", false},
+        {"=c", "c", true},
+        // Case-sensitive.
+        {"Example.com", "example.com", false},
+        {"*.Example.com", "shop.example.com", false},
+        // Too short to be a wildcard or exact entry: a literal bare pattern.
+        {"*.", "*.", true},
+        {"*.", "a.*.", true},
+        {"*.", "example.com", false},
+        {"*.", "example.com.", false},
+        {"=", "=", true},
+        {"=", "example.com", false},
+        // Longer than the domain.
+        {"example.com", "com", false},
+        {"=example.com", "e.com", false},
+        {"example.com", "", false},
+    };
+    for (const auto& row : table) {
+        INFO(row.entry << " vs " << row.domain);
+        CHECK(MatchSite(row.entry, row.domain) == row.match);
     }
 }
 
-TEST_CASE("trust decision over both lists, with its log records")
+TEST_CASE("trust decision over both lists: denied wins, the first match decides, empty entries never trust")
 {
-    TarnTest::LogCapture capture;
     const std::string denied = "GetTrust: Current site found on denied list. Current site is not trusted.";
     const std::string found = "GetTrust: Current site found on trust list. Current site is trusted.";
     const std::string notFound = "GetTrust: Current site not found on trust list. Current site is not trusted.";
-
-    SUBCASE("a denied entry wins over a trusted one")
-    {
-        const Names trusted{"example.com"};
-        const Names deniedList{"shop.example.com"};
-        CHECK_FALSE(GetTrust(trusted, deniedList, "shop.example.com"));
-        CHECK(capture.Has(denied, 2));
-        CHECK_FALSE(capture.HasSubstring("on trust list"));
-        capture.Clear();
-        CHECK(GetTrust(trusted, deniedList, "mail.example.com"));
-        CHECK(capture.Has(found, 3));
-        CHECK(capture.Records().size() == 1);
-        CHECK(capture.Records()[0].className == "TarnSMX::TarnSM");
-    }
-    SUBCASE("no match, empty lists and empty entries are not trust")
-    {
-        CHECK_FALSE(GetTrust({"example.com"}, {}, "example.org"));
-        CHECK(capture.Has(notFound, 3));
-        CHECK_FALSE(GetTrust({}, {}, "example.com"));
-        // An empty entry would otherwise match every domain ending in a dot.
-        CHECK_FALSE(GetTrust({""}, {}, "host."));
-        CHECK(GetTrust({"host."}, {""}, "host."));
-        CHECK(capture.Count(notFound) == 3);
-    }
-    SUBCASE("the first matching entry decides, later ones are not needed")
-    {
-        CHECK(GetTrust({"nomatch.org", "*.example.com", "example.com"}, {"other.org"}, "a.example.com"));
-        CHECK(capture.Count(found) == 1);
+    const struct { Names trusted, denied; const char* domain; bool result; int level; const std::string& record; } table[] = {
+        {{"example.com"}, {"shop.example.com"}, "shop.example.com", false, 2, denied},
+        {{"example.com"}, {"shop.example.com"}, "mail.example.com", true, 3, found},
+        {{"example.com"}, {}, "example.org", false, 3, notFound},
+        {{}, {}, "example.com", false, 3, notFound},
+        {{""}, {}, "host.", false, 3, notFound},  // an empty entry would match every name ending in a dot
+        {{"host."}, {""}, "host.", true, 3, found},
+        {{"nomatch.org", "*.example.com", "example.com"}, {"other.org"}, "a.example.com", true, 3, found},
+    };
+    for (const auto& row : table) {
+        INFO(std::string(row.domain));
+        TarnTest::LogCapture capture;
+        CHECK(GetTrust(row.trusted, row.denied, row.domain) == row.result);
+        TarnTest::Expect(capture, {{"TarnSMX::TarnSM", row.level, row.record}});
     }
 }
 
 TEST_CASE("scheme codes, data file extension and site list string ids")
 {
-    CHECK(SchemeCode("http") == kSchemeHttp);
-    CHECK(SchemeCode("HTTPS") == kSchemeHttps);
-    CHECK(SchemeCode("File") == kSchemeFile);
-    CHECK(SchemeCode("ftp") == kSchemeOther);
-    CHECK(SchemeCode("http2") == kSchemeOther);
-    CHECK(SchemeCode("htt") == kSchemeOther);
-
-    CHECK(HasDllExtension("https://example.com/trust.dll"));
-    CHECK(HasDllExtension("https://example.com/TRUST.DLL"));
-    CHECK_FALSE(HasDllExtension("https://example.com/trust.dll?x=1"));
-    CHECK_FALSE(HasDllExtension("https://example.com/trust.txt"));
-    CHECK_FALSE(HasDllExtension("ll"));
-    CHECK_FALSE(HasDllExtension(""));
-
+    const struct { const char* scheme; uint32_t code; } schemes[] = {
+        {"http", kSchemeHttp}, {"HTTPS", kSchemeHttps}, {"File", kSchemeFile},
+        {"ftp", kSchemeOther}, {"http2", kSchemeOther}, {"htt", kSchemeOther},
+    };
+    for (const auto& row : schemes)
+        CHECK(SchemeCode(row.scheme) == row.code);
     CHECK(SiteListStringId(kSchemeHttp) == 102);
     CHECK(SiteListStringId(kSchemeHttps) == 101);
     CHECK(SiteListStringId(kSchemeFile) == 102);
     CHECK(SiteListStringId(kSchemeOther) == 0);
+
+    const struct { const char* url; bool dll; } urls[] = {
+        {"https://example.com/trust.dll", true}, {"https://example.com/TRUST.DLL", true},
+        {"https://example.com/trust.dll?x=1", false}, {"https://example.com/trust.txt", false}, {"ll", false}, {"", false},
+    };
+    for (const auto& row : urls)
+        CHECK(HasDllExtension(row.url) == row.dll);
 }
 
 TEST_CASE("signer names are split at any run of separators, untrimmed")
 {
-    CHECK(SplitSigners("Org One||Org Two|", "|") == Names{"Org One", "Org Two"});
-    CHECK(SplitSigners("|||Solo Signer", "|") == Names{"Solo Signer"});
-    CHECK(SplitSigners(" Spaced Name |Other", "|") == Names{" Spaced Name ", "Other"});
-    CHECK(SplitSigners("A\nB\n\nC", "\n") == Names{"A", "B", "C"});
-    CHECK(SplitSigners("A|B\nC", "|\n") == Names{"A", "B", "C"});
-    CHECK(SplitSigners("||", "|").empty());
+    const struct { const char* text; const char* separators; Names names; } table[] = {
+        {"Org One||Org Two|", "|", {"Org One", "Org Two"}},
+        {"|||Solo Signer", "|", {"Solo Signer"}},
+        {" Spaced Name |Other", "|", {" Spaced Name ", "Other"}},
+        {"A\nB\n\nC", "\n", {"A", "B", "C"}},
+        {"A|B\nC", "|\n", {"A", "B", "C"}},
+        {"||", "|", {}},
+    };
+    for (const auto& row : table)
+        CHECK(SplitSigners(row.text, row.separators) == row.names);
 }
 
 TEST_CASE("site list linter points at lines the loader would misread")
 {
-    auto lint = [](const std::string& text) {
-        std::vector<std::pair<size_t, std::string>> found;
-        for (const auto& w : LintSiteList(text))
-            found.emplace_back(w.line, w.text);
-        return found;
+    const struct { const char* text; std::vector<std::pair<size_t, const char*>> warnings; } table[] = {
+        {"# trusted\r\n+example.com\r\n\r\n; denied\r\n-=bad.example.com\r\n+*.cdn.example.net\n", {}},
+        {"", {}},
+        // Each kind of mistake on its own line, CR LF counting once.
+        {"+ok.example\r\n example.com\r\n+ lead.example\r\n+\r\n-http://x.example\r\n+*.\r\ntrail",
+         {{2, "ignored"}, {3, "blanks"}, {4, "empty"}, {5, "'/'"}, {6, "no domain"}, {7, ""}}},
+        // Lone CR and LF each end a line; a trailing blank is caught.
+        {"+a\r+b\n+c \r\n+d", {{3, ""}}},
+        // A blank inside the entry, or a port, is a character no domain has.
+        {"+exa mple.com\n-host:8080", {{1, ""}, {2, ""}}},
     };
-
-    SUBCASE("a clean list with comments and blank lines gives no warning")
-    {
-        CHECK(lint("# trusted\r\n+example.com\r\n\r\n; denied\r\n-=bad.example.com\r\n+*.cdn.example.net\n").empty());
-        CHECK(lint("").empty());
-    }
-    SUBCASE("each kind of mistake is reported on its own line, CR LF counting once")
-    {
-        const auto found = lint("+ok.example\r\n example.com\r\n+ lead.example\r\n+\r\n-http://x.example\r\n+*.\r\ntrail");
-        REQUIRE(found.size() == 6);
-        CHECK(found[0].first == 2);
-        CHECK(found[0].second.find("ignored") != std::string::npos);
-        CHECK(found[1].first == 3);
-        CHECK(found[1].second.find("blanks") != std::string::npos);
-        CHECK(found[2].first == 4);
-        CHECK(found[2].second.find("empty") != std::string::npos);
-        CHECK(found[3].first == 5);
-        CHECK(found[3].second.find("'/'") != std::string::npos);
-        CHECK(found[4].first == 6);
-        CHECK(found[4].second.find("no domain") != std::string::npos);
-        CHECK(found[5].first == 7);
-    }
-    SUBCASE("lone CR and LF each end a line; a trailing blank is caught")
-    {
-        const auto found = lint("+a\r+b\n+c \r\n+d");
-        REQUIRE(found.size() == 1);
-        CHECK(found[0].first == 3);
-    }
-    SUBCASE("a blank inside the entry is a character no domain has")
-    {
-        CHECK(lint("+exa mple.com\n-host:8080").size() == 2);
+    for (const auto& row : table) {
+        INFO(std::string(row.text));
+        const auto found = LintSiteList(row.text);
+        REQUIRE(found.size() == row.warnings.size());
+        for (size_t i = 0; i < found.size(); ++i) {
+            CHECK(found[i].line == row.warnings[i].first);
+            CHECK(found[i].text.find(row.warnings[i].second) != std::string::npos);
+        }
     }
 }

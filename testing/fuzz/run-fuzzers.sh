@@ -23,8 +23,9 @@ for exe in "$build"/testing/fuzz/fuzz_*; do
     log="$work/log.txt"
     if (cd "$work" && "$exe" -max_total_time="$seconds" ${runs:+-runs="$runs"} -print_final_stats=1 -rss_limit_mb=2048 \
             -timeout=10 corpus >"$log" 2>&1); then
-        runs=$(grep -E "stat::number_of_executed_units" "$log" | awk '{print $2}')
-        printf '%-22s %12s executions, no finding\n' "$target" "${runs:-?}"
+        done_runs=$(grep -E "stat::number_of_executed_units" "$log" | awk '{print $2}')
+        rate=$(grep -E "stat::average_exec_per_sec" "$log" | awk '{print $2}')
+        printf '%-22s %12s executions (%s/s), no finding\n' "$target" "${done_runs:-?}" "${rate:-?}"
     else
         printf '%-22s FINDING, see %s\n' "$target" "$log"
         tail -n 30 "$log"

@@ -1,8 +1,12 @@
 #pragma once
-// Collects the records this process hands to the logger while the capture lives.
+// Collects the records this process hands to the logger while the capture lives, and checks
+// a scenario's records against one table of expected records.
 
 #include "TarnLog/Log.h"
 
+#include <doctest.h>
+
+#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -77,5 +81,51 @@ private:
     mutable std::mutex m_lock;
     std::vector<CapturedRecord> m_records;
 };
+
+// One expected record. An empty class or a level of -1 matches any; a text ending in "..."
+// matches every message that starts with the text before the dots.
+struct ExpectedRecord {
+    std::string className;
+    int level;
+    std::string text;
+
+    bool Matches(const CapturedRecord& record) const
+    {
+        const bool prefix = text.size() >= 3 && text.compare(text.size() - 3, 3, "...") == 0;
+        const bool textMatches = prefix ? record.message.compare(0, text.size() - 3, text, 0, text.size() - 3) == 0
+                                        : record.message == text;
+        return textMatches && (className.empty() || record.className == className) &&
+               (level < 0 || static_cast<int>(record.level) == level);
+    }
+};
+
+// The records captured so far are `expected` in order: exactly those when `only`, else with
+// other records between and around them. A mismatch fails the check and shows every record.
+inline bool Expect(const LogCapture& capture, std::initializer_list<ExpectedRecord> expected, bool only = true)
+{
+    const auto records = capture.Records();
+    auto it = expected.begin();
+    bool same = !only || records.size() == expected.size();
+    for (size_t i = 0; same && i < records.size() && it != expected.end(); ++i)
+        if (it->Matches(records[i]))
+            ++it;
+        else
+            same = !only;
+    same = same && it == expected.end();
+    std::string text = "expected:\n";
+    for (const auto& e : expected)
+        text += "  {" + e.className + ", " + std::to_string(e.level) + ", " + e.text + "}\n";
+    text += only ? "captured, exactly:\n" : "captured, in this order with others:\n";
+    for (const auto& r : records)
+        text += "  {" + r.className + ", " + std::to_string(r.level) + ", " + r.message + "}\n";
+    INFO(text);
+    CHECK(same);
+    return same;
+}
+
+inline bool ExpectInOrder(const LogCapture& capture, std::initializer_list<ExpectedRecord> expected)
+{
+    return Expect(capture, expected, false);
+}
 
 } // namespace TarnTest

@@ -2,20 +2,50 @@
 // Reads back what the real logger put into the machine-wide log ring, the way an outside
 // viewer does: the mapping opened read-only, the ring mutex held only while bytes are
 // copied out. RingHeaderEditor plays a second process that writes the header (a reader
-// publishing its event, or a broken process damaging the header).
+// publishing its event, or a broken process damaging the header). The critical file is
+// read back here too, since a record that misses the ring must still reach it.
 
 #include "TarnBase/KernelObjectName.h"
 #include "TarnBase/win/Handle.h"
+#include "TarnLog/CriticalFile.h"
 #include "TarnLog/RingLayout.h"
 #include "TarnLog/win/Logger.h"
 
 #include <windows.h>
+#include <shlobj.h>
 
+#include <atomic>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
 namespace TarnTest {
+
+// A text no other test, process or run writes: lets a test find its own records.
+inline std::string Nonce()
+{
+    static std::atomic<unsigned> counter{0};
+    return std::to_string(::GetCurrentProcessId()) + "-" + std::to_string(::GetTickCount()) + "-" +
+           std::to_string(counter++);
+}
+
+inline std::string MessageOf(const TarnLog::LogRecord& record)
+{
+    return TarnLog::ReadField(record.message, sizeof record.message);
+}
+
+inline std::string ClassOf(const TarnLog::LogRecord& record)
+{
+    return TarnLog::ReadField(record.className, sizeof record.className);
+}
+
+inline uint32_t Le32(const uint8_t* at)
+{
+    return static_cast<uint32_t>(at[0]) | static_cast<uint32_t>(at[1]) << 8 | static_cast<uint32_t>(at[2]) << 16 |
+           static_cast<uint32_t>(at[3]) << 24;
+}
 
 inline std::string RingMappingName()
 {
@@ -120,6 +150,25 @@ public:
         return mine;
     }
 
+    // The messages of one process still in the ring, oldest first.
+    std::vector<std::string> MessagesOf(DWORD processId)
+    {
+        std::vector<std::string> messages;
+        for (const auto& record : RecordsOfProcess(processId))
+            messages.push_back(MessageOf(record));
+        return messages;
+    }
+
+    // The records of one process whose message contains `part`, oldest first.
+    std::vector<TarnLog::LogRecord> RecordsWith(const std::string& part, DWORD processId = ::GetCurrentProcessId())
+    {
+        std::vector<TarnLog::LogRecord> found;
+        for (const auto& record : RecordsOfProcess(processId))
+            if (MessageOf(record).find(part) != std::string::npos)
+                found.push_back(record);
+        return found;
+    }
+
     // The write counter, or 0 when the ring cannot be read.
     uint32_t WriteCounter()
     {
@@ -199,5 +248,47 @@ public:
 private:
     RingView m_view;
 };
+
+// Puts the seven notification slots back as they were, whatever a test did to them.
+class SlotsRestorer {
+public:
+    SlotsRestorer() { m_saved = m_editor.Header(); }
+    ~SlotsRestorer()
+    {
+        m_editor.Edit([&](uint8_t* base, size_t) { std::memcpy(base + 12, m_saved.slots, sizeof m_saved.slots); });
+        m_editor.BumpGeneration();
+    }
+    SlotsRestorer(const SlotsRestorer&) = delete;
+    SlotsRestorer& operator=(const SlotsRestorer&) = delete;
+    RingHeaderEditor& Editor() { return m_editor; }
+
+private:
+    RingHeaderEditor m_editor;
+    TarnLog::RingHeader m_saved{};
+};
+
+inline std::string CriticalFilePath()
+{
+    char folder[MAX_PATH] = {};
+    if (FAILED(::SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, folder)))
+        return std::string();
+    return std::string(folder) + "\\Ostrum\\critical.txt";
+}
+
+// The critical file's records, oldest first (none when there is no file).
+inline std::vector<std::string> CriticalRecords()
+{
+    std::ifstream in(CriticalFilePath(), std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return TarnLog::ReadCriticalRecords(bytes).records;
+}
+
+inline bool CriticalFileHas(const std::string& part)
+{
+    for (const auto& record : CriticalRecords())
+        if (record.find(part) != std::string::npos)
+            return true;
+    return false;
+}
 
 } // namespace TarnTest

@@ -74,84 +74,72 @@ DWORD MillisecondsFor(const std::function<void()>& action)
 
 } // namespace
 
-TEST_CASE("named mutexes")
+TEST_CASE("named mutexes share one kernel object; configuring a created mutex changes nothing")
 {
     const std::string name = "Local\\TarnMT::LocksTest::" + std::to_string(::GetCurrentProcessId());
-    const char* existed = "Internel CreateMutex call was successful, but indicated that a handle to an already existing named object was returned.";
     TarnTest::LogCapture capture;
     Mutex first, second;
     first.Config(name, nullptr);
-    REQUIRE(first.GetHandle() != nullptr);
-    CHECK_FALSE(capture.Has(existed));
     second.Config(name, nullptr);
     REQUIRE(second.GetHandle() != nullptr);
-    CHECK(capture.Has(existed, 2));
-
-    // One kernel object behind both.
     Holder holder(first);
     CHECK_FALSE(second.Acquire(0));
-
-    // Configuring a created mutex changes nothing.
     second.Config("Local\\Other", nullptr);
     CHECK(second.GetName() == name);
-    CHECK(capture.Has("Mutex object Config operation failed because the object is already configured.", 2));
+    TarnTest::Expect(capture, {
+        {"", 2, "Internel CreateMutex call was successful, but indicated that a handle to an already existing named object was returned."},
+        {"", 1, "Mutex object Acquire operation failed due to timeout. Timeout interval: 0 (milliseconds)."},
+        {"", 2, "Mutex object Config operation failed because the object is already configured."},
+    });
 }
 
-TEST_CASE("mutex acquire")
+TEST_CASE("mutex acquire: time-out, abandoned, bound yield event, a free mutex wins over the yield event")
 {
     Mutex mutex;
-    TarnTest::LogCapture capture;
-
-    SUBCASE("a time-out is a false result, logged with its interval")
     {
+        TarnTest::LogCapture capture;
         Holder holder(mutex);
         CHECK(MillisecondsFor([&] { CHECK_FALSE(mutex.Acquire(50)); }) >= 40);
-        CHECK(capture.Has("Mutex object Acquire operation failed due to timeout. Timeout interval: 50 (milliseconds).", 1));
+        TarnTest::Expect(capture, {{"", 1, "Mutex object Acquire operation failed due to timeout. Timeout interval: 50 (milliseconds)."}});
     }
-    SUBCASE("an abandoned mutex counts as acquired")
+    // An abandoned mutex counts as acquired.
+    std::thread([&] { mutex.Acquire(INFINITE); }).join();
+    CHECK(mutex.Acquire(1000));
+    CHECK_FALSE(FreeForOthers(mutex));
+    mutex.Release();
+    CHECK(FreeForOthers(mutex));
+
+    Parked worker;
+    REQUIRE(worker.Execute());
+    REQUIRE(::SetEvent(worker.GetYieldEvent()));
     {
-        std::thread([&] { mutex.Acquire(INFINITE); }).join();
-        CHECK(mutex.Acquire(1000));
-        CHECK_FALSE(FreeForOthers(mutex));
-        mutex.Release();
-        CHECK(FreeForOthers(mutex));
+        TarnTest::LogCapture capture;
+        Holder holder(mutex);
+        CHECK(MillisecondsFor([&] { CHECK_THROWS_AS(mutex.Acquire(10000, &worker), ThreadAbortException); }) < 5000);
+        TarnTest::ExpectInOrder(capture, {
+            {"", 1, "Mutex object Acquire operation detected that the bound TarnMT::Thread object has been terminated."},
+            {"", 0, "Throwing TarnMT::ThreadAbortException exception type. File: Mutex Line: ..."},
+        });
     }
-    SUBCASE("bound to a thread whose yield event is set")
-    {
-        Parked worker;
-        REQUIRE(worker.Execute());
-        REQUIRE(::SetEvent(worker.GetYieldEvent()));
-        {
-            Holder holder(mutex);
-            CHECK(MillisecondsFor([&] { CHECK_THROWS_AS(mutex.Acquire(10000, &worker), ThreadAbortException); }) < 5000);
-            CHECK(capture.Has("Mutex object Acquire operation detected that the bound TarnMT::Thread object has been terminated.", 1));
-            CHECK(capture.HasSubstring("Throwing TarnMT::ThreadAbortException exception type. File: Mutex Line: "));
-        }
-        // A free mutex is listed first, so it wins over the set yield event.
-        CHECK(mutex.Acquire(1000, &worker));
-        CHECK_FALSE(FreeForOthers(mutex));
-        mutex.Release();
-    }
+    CHECK(mutex.Acquire(1000, &worker));
+    CHECK_FALSE(FreeForOthers(mutex));
+    mutex.Release();
 }
 
-TEST_CASE("AutoLockMutex")
+TEST_CASE("AutoLockMutex: holds for its scope; a null mutex and a time-out throw")
 {
     Mutex mutex;
     TarnTest::LogCapture capture;
     CHECK_THROWS_AS(AutoLockMutex(nullptr, 0), TarnBase::InvalidParameterException);
-    CHECK(capture.HasSubstring("Throwing TarnBase::InvalidParameterException exception type. File: AutoLockMutex Line: "));
     {
         AutoLockMutex lock(&mutex, 1000);
         CHECK_FALSE(FreeForOthers(mutex));
     }
     CHECK(FreeForOthers(mutex));
-
     Holder holder(mutex);
-    capture.Clear();
     CHECK(MillisecondsFor([&] { CHECK_THROWS_AS(AutoLockMutex(&mutex, 0), AutoLockTimeoutException); }) < 1000);
-    const auto records = capture.Records();
-    REQUIRE(records.size() == 2);
-    CHECK(records[1].className == "TarnMT::AutoLockMutex");
-    CHECK(records[1].level == 1);
-    CHECK(records[1].message.rfind("Throwing TarnMT::AutoLockTimeoutException exception type. File: AutoLockMutex Line: ", 0) == 0);
+    TarnTest::ExpectInOrder(capture, {
+        {"TarnMT::AutoLockMutex", 0, "Throwing TarnBase::InvalidParameterException exception type. File: AutoLockMutex Line: ..."},
+        {"TarnMT::AutoLockMutex", 1, "Throwing TarnMT::AutoLockTimeoutException exception type. File: AutoLockMutex Line: ..."},
+    });
 }

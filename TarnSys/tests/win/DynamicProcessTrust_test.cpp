@@ -66,39 +66,35 @@ TEST_CASE("the first holder creates the zeroed table; a second one opens it and 
     Cleanup cleanup{{kPid}};
     TarnTest::LogCapture log;
     DynamicProcessTrust first;
-    REQUIRE(first.IsValid());
     REQUIRE(first.Initialize());
     CHECK(first.Initialize());  // once per object
-    if (first.CreatedTable()) {
-        CHECK(log.Has("InitMemoryMap():  Successfully created shared memory with size = 38524.", 3));
-        CHECK(first.ListProcesses().empty());
-    } else {
-        MESSAGE("another process holds the table; the creation case is not observable now");
-    }
+    // The program runs alone (SERIAL) and every object of an earlier case is gone: this one creates.
+    REQUIRE(first.CreatedTable());
+    CHECK(first.ListProcesses().empty());
     REQUIRE(first.GrantProcess(kPid, kPath) == GrantResult::Granted);
-
-    log.Clear();
     DynamicProcessTrust second;
     REQUIRE(second.Initialize());
     CHECK_FALSE(second.CreatedTable());
-    CHECK(log.Has("InitMemoryMap():  Successfully opened shared memory with size = 38524.", 3));
-    CHECK(log.Count("InitMemoryMap():  Successfully opened shared memory with size = 38524.") == 1);
     CHECK(second.IsTrustedProcess(kPid, kPath));
-
+    TarnTest::ExpectInOrder(log, {{"", 3, "InitMemoryMap():  Successfully created shared memory with size = 38524."},
+                                  {"", 3, "InitMemoryMap():  Successfully opened shared memory with size = 38524."}});
     // The names: a machine-wide mutex and a session-local mapping.
     CHECK(first.TableMutex().GetName() == "Global\\TarnSys::DynamicProcessTrust::Mutex::2.0");
-    RawTable raw;
-    CHECK(raw.existed);
+    CHECK(RawTable().existed);
 }
 
-TEST_CASE("a grant is found, trusted and cleared; afterwards it is gone")
+TEST_CASE("a grant is found, trusted and cleared, its entry zeroed; another path or pid gets nothing")
 {
     Cleanup cleanup{{kPid}};
     DynamicProcessTrust table;
     uint32_t index = 99;
     REQUIRE(table.GrantProcess(kPid, kPath, &index) == GrantResult::Granted);
-
     TarnTest::LogCapture log;
+    const std::wstring other = L"C:\\Program Files\\Ostrum\\Other.exe";
+    CHECK_FALSE(table.IsTrustedProcess(kPid, other));
+    CHECK_FALSE(table.ClearTrustedProcess(kPid, other));
+    CHECK_FALSE(table.IsTrustedProcess(kOtherPid, kPath));
+    CHECK_FALSE(table.ClearTrustedProcess(kOtherPid, kPath));
     {
         TarnMT::AutoLockMutex lock(&table.TableMutex(), INFINITE);
         uint32_t found = 99;
@@ -106,68 +102,30 @@ TEST_CASE("a grant is found, trusted and cleared; afterwards it is gone")
         REQUIRE(table.FindProcess(kPid, found, stored));
         CHECK(found == index);
         CHECK(stored == StoredForm(kPath));
-        CHECK(log.Has("FindProcess():  Successfully found process within list, PID = 3999999901.", 3));
     }
     CHECK(table.IsTrustedProcess(kPid, kPath));
-    CHECK(log.Has("IsTrustedProcess():  Process with PID = 3999999901 is trusted.", 3));
     CHECK(table.ClearTrustedProcess(kPid, kPath));
-    CHECK(log.Has("ClearTrustedProcess():  Successfully cleared process with PID = 3999999901.", 3));
-
-    log.Clear();
     CHECK_FALSE(table.IsTrustedProcess(kPid, kPath));
-    CHECK(log.Has("FindProcess():  Failed to find specified process in list , PID = 3999999901.", 3));
-    CHECK(log.Has("IsTrustedProcess():  Specified process is not currently trusted, PID = 3999999901.", 3));
     CHECK_FALSE(table.ClearTrustedProcess(kPid, kPath));
-    CHECK(log.Has("ClearTrustedProcess():  Failed to find trusted process with PID = 3999999901. Cannot clear.", 2));
-
-    // The cleared entry is entirely zero again.
+    TarnTest::ExpectInOrder(log, {
+        {"", 3, "IsTrustedProcess():  Process with PID = 3999999901 is not trusted."},
+        {"", 1, "ClearTrustedProcess():  Found PID, but app paths do not match. Cannot clear process with PID = 3999999901."},
+        {"", 3, "FindProcess():  Successfully found process within list, PID = 3999999901."},
+        {"", 3, "IsTrustedProcess():  Process with PID = 3999999901 is trusted."},
+        {"", 3, "ClearTrustedProcess():  Successfully cleared process with PID = 3999999901."},
+        {"", 3, "FindProcess():  Failed to find specified process in list , PID = 3999999901."},
+        {"", 3, "IsTrustedProcess():  Specified process is not currently trusted, PID = 3999999901."},
+        {"", 2, "ClearTrustedProcess():  Failed to find trusted process with PID = 3999999901. Cannot clear."},
+    });
     RawTable raw;
     REQUIRE(raw.view);
     for (size_t i = 0; i < kTableEntryBytes; ++i)
         REQUIRE(raw.Bytes()[EntryOffset(index) + i] == 0);
-}
 
-TEST_CASE("a matching identifier with another path is neither trusted nor cleared")
-{
-    Cleanup cleanup{{kPid}};
-    DynamicProcessTrust table;
-    REQUIRE(table.GrantProcess(kPid, kPath) == GrantResult::Granted);
-    TarnTest::LogCapture log;
-    CHECK_FALSE(table.IsTrustedProcess(kPid, L"C:\\Program Files\\Ostrum\\Other.exe"));
-    CHECK(log.Has("IsTrustedProcess():  Process with PID = 3999999901 is not trusted.", 3));
-    CHECK_FALSE(table.ClearTrustedProcess(kPid, L"C:\\Program Files\\Ostrum\\Other.exe"));
-    CHECK(log.Has("ClearTrustedProcess():  Found PID, but app paths do not match. Cannot clear process with PID = 3999999901.", 1));
-    // Another identifier with the right path gets nothing from this entry.
-    CHECK_FALSE(table.IsTrustedProcess(kOtherPid, kPath));
-    CHECK_FALSE(table.ClearTrustedProcess(kOtherPid, kPath));
-    // The entry stays.
-    CHECK(table.IsTrustedProcess(kPid, kPath));
-}
-
-TEST_CASE("paths that differ only in letter case are trusted and cleared")
-{
-    Cleanup cleanup{{kPid}};
-    DynamicProcessTrust table;
+    // Paths that differ only in letter case are trusted and cleared.
     REQUIRE(table.GrantProcess(kPid, L"z:\\tmp\\Host\\MSHTA.EXE") == GrantResult::Granted);
     CHECK(table.IsTrustedProcess(kPid, L"Z:\\TMP\\host\\mshta.exe"));
     CHECK(table.ClearTrustedProcess(kPid, L"Z:\\TMP\\host\\mshta.exe"));
-    CHECK(table.ListProcesses().empty() == true);
-}
-
-TEST_CASE("the system directory is not exchanged for a 64-bit reader")
-{
-    Cleanup cleanup{{kPid}};
-#ifdef _WIN64
-    CHECK_FALSE(IsCurrentProcessWow64());
-#endif
-    if (IsCurrentProcessWow64())
-        return;
-    DynamicProcessTrust table;
-    REQUIRE(table.GrantProcess(kPid, L"C:\\Windows\\system32\\mshta.exe") == GrantResult::Granted);
-    TarnTest::LogCapture log;
-    CHECK_FALSE(table.IsTrustedProcess(kPid, L"C:\\Windows\\syswow64\\mshta.exe"));
-    CHECK_FALSE(log.HasSubstring("under WOW64"));
-    CHECK(table.IsTrustedProcess(kPid, L"C:\\Windows\\system32\\mshta.exe"));
 }
 
 TEST_CASE("identifier length: 256 characters are searched, 257 refused")
@@ -181,108 +139,93 @@ TEST_CASE("identifier length: 256 characters are searched, 257 refused")
     CHECK_FALSE(table.FindProcess(std::wstring(256, L'9'), index, path));
     CHECK(index == 0);
     CHECK(path.empty());
-    CHECK(log.HasSubstring("FindProcess():  Failed to find specified process in list , PID = 9999"));
-    log.Clear();
     CHECK_FALSE(table.FindProcess(std::wstring(257, L'9'), index, path));
-    CHECK(log.Has("FindProcess():  PID parameter string is too long. Invalid arg. Cannot find process.", 2));
+    TarnTest::Expect(log, {{"", 3, "FindProcess():  Failed to find specified process in list , PID = 9999..."},
+                           {"", 2, "FindProcess():  PID parameter string is too long. Invalid arg. Cannot find process."}});
 }
 
-TEST_CASE("a full table refuses a sixteenth grant and fails look-ups of absent identifiers")
+TEST_CASE("a full table refuses a sixteenth grant; a grant for a listed pid replaces; the writer refuses what never matches")
 {
     Cleanup cleanup;
     DynamicProcessTrust table;
-    const size_t inUse = table.ListProcesses().size();
-    for (size_t i = inUse; i < kTableEntryCount; ++i) {
-        cleanup.pids.push_back(std::to_wstring(3999999910ul + i));
-        REQUIRE(table.GrantProcess(cleanup.pids.back(), kPath) == GrantResult::Granted);
-    }
-    CHECK(table.ListProcesses().size() == kTableEntryCount);
-    CHECK(table.GrantProcess(kPid, kPath) == GrantResult::TableFull);
-    CHECK_FALSE(table.IsTrustedProcess(kPid, kPath));
-    // A new grant for an identifier already in the table replaces its entry instead.
-    uint32_t index = 0;
-    CHECK(table.GrantProcess(cleanup.pids.back(), L"C:\\other.exe", &index) == GrantResult::Replaced);
-    CHECK(table.IsTrustedProcess(cleanup.pids.back(), L"C:\\other.exe"));
-}
-
-TEST_CASE("the writer refuses what could never match")
-{
-    DynamicProcessTrust table;
-    CHECK(table.GrantProcess(L"", kPath) == GrantResult::InvalidPid);
-    CHECK(table.GrantProcess(L"12a", kPath) == GrantResult::InvalidPid);
-    CHECK(table.GrantProcess(kPid, std::wstring(1026, L'p')) == GrantResult::PathTooLong);
-    CHECK(table.GrantProcess(kPid, L"") == GrantResult::PathNotStorable);
+    const struct { std::wstring pid, path; GrantResult result; } refusals[] = {
+        {L"", kPath, GrantResult::InvalidPid},
+        {L"12a", kPath, GrantResult::InvalidPid},
+        {kPid, std::wstring(1026, L'p'), GrantResult::PathTooLong},
+        {kPid, L"", GrantResult::PathNotStorable},
+    };
+    for (const auto& row : refusals)
+        CHECK(table.GrantProcess(row.pid, row.path) == row.result);
     CHECK(table.RevokeProcess(L"") == 0);
     CHECK(table.RevokeProcess(std::wstring(L"\0", 1)) == 0);
     CHECK(table.RevokeProcess(kPid) == 0);
+
+    for (size_t i = table.ListProcesses().size(); i < kTableEntryCount; ++i) {
+        cleanup.pids.push_back(std::to_wstring(3999999910ul + i));
+        REQUIRE(table.GrantProcess(cleanup.pids.back(), kPath) == GrantResult::Granted);
+    }
+    CHECK(table.GrantProcess(kPid, kPath) == GrantResult::TableFull);
+    CHECK_FALSE(table.IsTrustedProcess(kPid, kPath));
+    CHECK(table.GrantProcess(cleanup.pids.back(), L"C:\\other.exe") == GrantResult::Replaced);
+    CHECK(table.IsTrustedProcess(cleanup.pids.back(), L"C:\\other.exe"));
 }
 
 TEST_CASE("threads racing for one grant: exactly one clears it")
 {
     Cleanup cleanup{{kPid}};
-    {
-        DynamicProcessTrust writer;
-        REQUIRE(writer.GrantProcess(kPid, kPath) == GrantResult::Granted);
-        RawTable keepAlive;  // the table must outlive the writer object
-        std::atomic<int> cleared{0};
-        std::atomic<int> trusted{0};
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 6; ++t)
-            threads.emplace_back([&] {
-                DynamicProcessTrust table;
-                if (table.IsTrustedProcess(kPid, kPath))
-                    ++trusted;
-                if (table.ClearTrustedProcess(kPid, kPath))
-                    ++cleared;
-            });
-        for (auto& t : threads)
-            t.join();
-        CHECK(cleared == 1);
-        CHECK(trusted >= 1);
-        CHECK_FALSE(writer.IsTrustedProcess(kPid, kPath));
-    }
+    DynamicProcessTrust writer;
+    REQUIRE(writer.GrantProcess(kPid, kPath) == GrantResult::Granted);
+    std::atomic<int> cleared{0}, trusted{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 6; ++t)
+        threads.emplace_back([&] {
+            DynamicProcessTrust table;
+            trusted += table.IsTrustedProcess(kPid, kPath) ? 1 : 0;
+            cleared += table.ClearTrustedProcess(kPid, kPath) ? 1 : 0;
+        });
+    for (auto& t : threads)
+        t.join();
+    CHECK(cleared == 1);
+    CHECK(trusted >= 1);
+    CHECK_FALSE(writer.IsTrustedProcess(kPid, kPath));
 }
 
 TEST_CASE("a mapping of that name made too small by another process is refused")
 {
     RawTable squatter(4096);
     REQUIRE(squatter.mapping);
-    if (squatter.existed) {
-        MESSAGE("the table exists already; a squatter cannot be placed now");
-        return;
-    }
+    REQUIRE_FALSE(squatter.existed);  // the program runs alone: no table exists between cases
     TarnTest::LogCapture log;
     DynamicProcessTrust table;
     CHECK_FALSE(table.Initialize());
-    CHECK(log.HasSubstring("InitMemoryMap():  Failed to create/open shared memory. HRESULT = <0x8007"));
     CHECK_FALSE(table.IsTrustedProcess(kPid, kPath));
-    CHECK(log.Has("IsTrustedProcess():  Failed to intialize shared memory.", 1));
     CHECK_FALSE(table.ClearTrustedProcess(kPid, kPath));
-    CHECK(log.Has("ClearTrustedProcess():  Failed to intialize shared memory.", 1));
     CHECK(table.GrantProcess(kPid, kPath) == GrantResult::Unavailable);
+    TarnTest::ExpectInOrder(log, {{"", -1, "InitMemoryMap():  Failed to create/open shared memory. HRESULT = <0x8007..."},
+                                  {"", 1, "IsTrustedProcess():  Failed to intialize shared memory."},
+                                  {"", 1, "ClearTrustedProcess():  Failed to intialize shared memory."}});
 }
 
 TEST_CASE("an object whose mutex name is taken by another kind of object is invalid")
 {
-    const std::string name = TarnBase::MakeKernelObjectName(kTableMutexName, true);
-    TarnBase::UniqueHandle squatter(::CreateEventA(nullptr, TRUE, FALSE, name.c_str()));
-    if (!squatter) {
-        MESSAGE("the table's mutex exists already; it cannot be squatted now");
-        return;
-    }
+    TarnBase::UniqueHandle squatter(
+        ::CreateEventA(nullptr, TRUE, FALSE, TarnBase::MakeKernelObjectName(kTableMutexName, true).c_str()));
+    REQUIRE(squatter);  // the program runs alone: the table's mutex does not exist between cases
     TarnTest::LogCapture log;
     DynamicProcessTrust table;
     CHECK_FALSE(table.IsValid());
-    CHECK(log.Has("DynamicProcessTrust():  Failed to construct properly.", 1));
-    CHECK_THROWS_AS(table.Initialize(), TarnBase::InvalidObjectException);
-    CHECK(log.Has("Initialize(): Error - Object is invalid.", 1));
-    CHECK_THROWS_AS(table.IsTrustedProcess(kPid, kPath), TarnBase::InvalidObjectException);
-    CHECK(log.Has("IsTrustedProcess(): Error - Object is invalid.", 1));
-    CHECK_THROWS_AS(table.ClearTrustedProcess(kPid, kPath), TarnBase::InvalidObjectException);
-    CHECK(log.Has("ClearTrustedProcess(): Error - Object is invalid.", 1));
     uint32_t index = 0;
     std::wstring path;
+    CHECK_THROWS_AS(table.Initialize(), TarnBase::InvalidObjectException);
+    CHECK_THROWS_AS(table.IsTrustedProcess(kPid, kPath), TarnBase::InvalidObjectException);
+    CHECK_THROWS_AS(table.ClearTrustedProcess(kPid, kPath), TarnBase::InvalidObjectException);
     CHECK_THROWS_AS(table.FindProcess(kPid, index, path), TarnBase::InvalidObjectException);
-    CHECK(log.Has("FindProcess(): Error - Object is invalid.", 1));
-    CHECK(log.HasSubstring("Throwing TarnBase::InvalidObjectException exception type. File: DynamicProcessTrust Line: "));
+    const std::string thrown = "Throwing TarnBase::InvalidObjectException exception type. File: DynamicProcessTrust Line: ...";
+    TarnTest::ExpectInOrder(log, {
+        {"", 1, "DynamicProcessTrust():  Failed to construct properly."},
+        {"", 1, "Initialize(): Error - Object is invalid."}, {"", 0, thrown},
+        {"", 1, "IsTrustedProcess(): Error - Object is invalid."}, {"", 0, thrown},
+        {"", 1, "ClearTrustedProcess(): Error - Object is invalid."}, {"", 0, thrown},
+        {"", 1, "FindProcess(): Error - Object is invalid."}, {"", 0, thrown},
+    });
 }

@@ -9,8 +9,6 @@
 #include "TarnLog/Log.h"
 #include "TarnMT/win/SecurityAttributes.h"
 
-#include <shlobj.h>
-
 #include <doctest.h>
 
 #include <cstdio>
@@ -70,9 +68,7 @@ bool IsWhole(const WriterRecord& record)
 
 std::string CriticalFileBytes()
 {
-    char folder[MAX_PATH] = {};
-    REQUIRE(SUCCEEDED(::SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, folder)));
-    std::ifstream in(std::string(folder) + "\\Ostrum\\critical.txt", std::ios::binary);
+    std::ifstream in(TarnTest::CriticalFilePath(), std::ios::binary);
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
@@ -126,7 +122,6 @@ TEST_CASE("four writer processes and a follower: every record accounted for, non
                         "a writer did not finish within 45 seconds");
         CHECK(writer->ExitCode() == 0u);
     }
-    MESSAGE("writers took " << (::GetTickCount64() - started) << " ms for " << kTotal << " records");
 
     // The counter moved by exactly the records written: none skipped, none counted twice.
     const uint32_t counterAfter = editor.Header().writeCounter;
@@ -161,7 +156,6 @@ TEST_CASE("four writer processes and a follower: every record accounted for, non
         it->second = static_cast<long>(record.seq);
         ++shown;
     }
-    MESSAGE("follower printed " << shown << " records and reported " << lost << " lost");
     CHECK(malformed == 0);
     CHECK(outOfOrder == 0);
     CHECK(shown + lost == kTotal);
@@ -209,5 +203,4 @@ TEST_CASE("four writer processes and a follower: every record accounted for, non
     }
     CHECK(badCritical == 0);
     CHECK(contents.records.size() > 150);
-    MESSAGE("critical file: " << bytes.size() << " bytes, " << contents.records.size() << " records");
 }

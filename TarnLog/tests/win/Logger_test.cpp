@@ -1,0 +1,350 @@
+// The real logger writing the real machine-wide ring, the critical file and the debugger
+// output: entry bytes at their offsets, the registry settings as every logging process sees
+// them after a reader moves the generation, reader notification, and a header or lock that
+// another process has damaged or holds.
+#include "ChildProcess.h"
+#include "DebuggerOutput.h"
+#include "RingReader.h"
+#include "TarnLog/Log.h"
+#include "TarnLog/LogRecord.h"
+
+#include <doctest.h>
+
+#include <algorithm>
+#include <ctime>
+#include <functional>
+#include <thread>
+
+using namespace TarnTest;
+
+namespace {
+
+// The logger creates the ring on its first record; the readers need it to exist.
+void EnsureRing()
+{
+    TarnLog::Log("LoggerTest", 2, "LoggerTest: ring wanted by pid %lu.", ::GetCurrentProcessId());
+}
+
+struct Value {
+    const char* name;
+    DWORD type;
+    std::vector<uint8_t> bytes;
+};
+
+Value Dword(const char* name, DWORD value)
+{
+    const auto* at = reinterpret_cast<const uint8_t*>(&value);
+    return {name, REG_DWORD, {at, at + 4}};
+}
+
+// Sets the logger's values under HKCU for the life of the object, then puts the old ones
+// back. Each change is followed by a generation bump, as a viewer makes every process reload.
+class LoggerValues {
+public:
+    explicit LoggerValues(const std::vector<Value>& values)
+    {
+        REQUIRE(::RegCreateKeyExA(HKEY_CURRENT_USER, TarnLog::kLoggerKeyPath, 0, nullptr, 0, KEY_READ | KEY_WRITE,
+                                  nullptr, m_key.Put(), nullptr) == ERROR_SUCCESS);
+        for (const auto& value : values) {
+            Value old{value.name, 0, std::vector<uint8_t>(64)};
+            DWORD size = static_cast<DWORD>(old.bytes.size());
+            const bool existed =
+                ::RegQueryValueExA(m_key.Get(), value.name, nullptr, &old.type, old.bytes.data(), &size) == ERROR_SUCCESS;
+            old.bytes.resize(size);
+            m_old.push_back({old, existed});
+            REQUIRE(::RegSetValueExA(m_key.Get(), value.name, 0, value.type, value.bytes.data(),
+                                     static_cast<DWORD>(value.bytes.size())) == ERROR_SUCCESS);
+        }
+        REQUIRE(RingHeaderEditor().BumpGeneration());
+    }
+    ~LoggerValues()
+    {
+        for (auto it = m_old.rbegin(); it != m_old.rend(); ++it)
+            if (it->second)
+                ::RegSetValueExA(m_key.Get(), it->first.name, 0, it->first.type, it->first.bytes.data(),
+                                 static_cast<DWORD>(it->first.bytes.size()));
+            else
+                ::RegDeleteValueA(m_key.Get(), it->first.name);
+        RingHeaderEditor().BumpGeneration();
+    }
+
+private:
+    TarnBase::UniqueRegKey m_key;
+    std::vector<std::pair<Value, bool>> m_old;
+};
+
+ChildResult RunLogWriter(const std::vector<std::wstring>& args)
+{
+    std::vector<std::wstring> command{BuildPath("testing/logwriter/logwriter.exe")};
+    command.insert(command.end(), args.begin(), args.end());
+    return RunChild(command, 30000);
+}
+
+bool AllZero(const uint8_t* from, size_t count)
+{
+    return std::all_of(from, from + count, [](uint8_t b) { return b == 0; });
+}
+
+// A field of `size` bytes holding `text`, its terminator and zeros after it.
+bool FieldIs(const uint8_t* field, size_t size, const std::string& text)
+{
+    return text.size() < size && std::memcmp(field, text.data(), text.size()) == 0 &&
+           AllZero(field + text.size(), size - text.size());
+}
+
+TarnBase::UniqueHandle ReaderEvent(const std::string& slotName)
+{
+    return TarnBase::UniqueHandle(
+        ::CreateEventA(nullptr, TRUE, FALSE, TarnBase::MakeKernelObjectName(slotName, true).c_str()));
+}
+
+bool IsSet(HANDLE event, DWORD waitMs = 0)
+{
+    return ::WaitForSingleObject(event, waitMs) == WAIT_OBJECT_0;
+}
+
+} // namespace
+
+TEST_CASE("logged records in the ring, byte by byte: fields at their offsets, cut to 511 and 63, the next entry")
+{
+    EnsureRing();
+    const std::string nonce = Nonce();
+    const uint32_t before = static_cast<uint32_t>(std::time(nullptr));
+    TarnLog::Log("Layout::Probe", 1, "Layout: probe %s and %d.", nonce.c_str(), 42);
+    const uint32_t after = static_cast<uint32_t>(std::time(nullptr));
+    const std::string longClass = "Cut::" + std::string(120, 'c');
+    const std::string longMessage = "Cut: " + nonce + " " + std::string(700, 'm');
+    TarnLog::Log(longClass.c_str(), 2, "%s", longMessage.c_str());
+
+    std::vector<uint8_t> bytes;
+    REQUIRE(RingReader().CopyBytes(bytes));
+    const uint32_t counter = Le32(&bytes[4]);
+    const uint32_t count = Le32(&bytes[8]);
+    REQUIRE(count > 0);
+    REQUIRE(bytes.size() >= 292 + static_cast<size_t>(count) * 692);
+    CHECK(Le32(&bytes[0]) != 0);  // the creator starts the generation at 1
+
+    // Nothing else logs while this test runs: the two newest entries are ours.
+    char path[MAX_PATH] = {};
+    const std::string full(path, ::GetModuleFileNameA(nullptr, path, MAX_PATH));
+    const uint8_t* entry = &bytes[292 + static_cast<size_t>((counter - 2) % count) * 692];
+    CHECK(FieldIs(entry + 0, 32, full.substr(full.find_last_of('\\') + 1)));
+    CHECK(FieldIs(entry + 32, 64, "Layout::Probe"));
+    CHECK(AllZero(entry + 96, 64));
+    CHECK(Le32(entry + 160) + 1 >= before);
+    CHECK(Le32(entry + 160) <= after + 1);
+    CHECK(entry[164] == 1);
+    CHECK(AllZero(entry + 165, 7));
+    CHECK(Le32(entry + 172) == ::GetCurrentThreadId());
+    CHECK(Le32(entry + 176) == ::GetCurrentProcessId());
+    CHECK(FieldIs(entry + 180, 512, "Layout: probe " + nonce + " and 42."));
+
+    const uint8_t* next = &bytes[292 + static_cast<size_t>((counter - 1) % count) * 692];
+    CHECK(FieldIs(next + 32, 64, longClass.substr(0, 63)));
+    CHECK(FieldIs(next + 180, 512, longMessage.substr(0, 511)));
+}
+
+TEST_CASE("the caller's last-error code survives every kind of log call; wide text goes through the ANSI code page")
+{
+    EnsureRing();
+    const std::string nonce = Nonce();
+    const std::wstring wide = L"wide-" + std::wstring(nonce.begin(), nonce.end());
+    const std::string longText(3000, 'L');
+    const std::function<void()> calls[] = {
+        [&] { TarnLog::Log("LastError::Probe", 2, "LastError: debug %s.", nonce.c_str()); },
+        [&] { TarnLog::Log("LastError::Probe", 0, "LastError: error %s (critical file too).", nonce.c_str()); },
+        [&] { TarnLog::Log("LastError::Probe", 2, "LastError: bad %n format"); },
+        [&] { TarnLog::Log("LastError::Probe", 2, "Wide: %S and %ls.", wide.c_str(), L"more"); },
+        [&] { TarnLog::Log("LastError::Probe", 2, "%s", longText.c_str()); },
+        [&] { TarnLog::Log(nullptr, 2, nullptr); },
+    };
+    for (DWORD code : {DWORD{0xBEEF0001u}, DWORD{ERROR_SUCCESS}})
+        for (const auto& call : calls) {
+            ::SetLastError(code);
+            call();
+            CHECK(::GetLastError() == code);
+        }
+    CHECK(RingReader().RecordsWith("Wide: wide-" + nonce + " and more.").size() == 2);
+}
+
+TEST_CASE("the logger's registry values decide where a record goes: ring, critical file, debugger output")
+{
+    EnsureRing();
+    DebuggerOutput debugger;
+    REQUIRE(debugger.Ready());
+    std::vector<uint8_t> zero4(4, 0), one4{1, 0, 0, 0}, zero8(8, 0);
+    const struct {
+        const char* what;
+        std::vector<Value> values;
+        bool ringDebug, ringError, critical, debuggerDebug, debuggerError;
+    } table[] = {
+        {"defaults", {}, true, true, true, false, false},
+        {"FilterLogLevel 1", {Dword("FilterLogLevel", 1)}, false, true, true, false, false},
+        {"FilterLogLevel 0", {Dword("FilterLogLevel", 0)}, false, false, true, false, false},
+        {"EnableCriticalLogger 0", {Dword("EnableCriticalLogger", 0)}, true, true, false, false, false},
+        {"EnableOutputDebugString 1", {Dword("EnableOutputDebugString", 1)}, true, true, true, true, true},
+        {"debugger output filtered too",
+         {Dword("EnableOutputDebugString", 1), Dword("FilterLogLevel", 1)}, false, true, true, false, true},
+        // Only a 4-byte REG_DWORD counts: look-alikes of 0 and 1 leave the defaults in force.
+        {"FilterLogLevel \"0\"", {{"FilterLogLevel", REG_SZ, {'0', 0}}}, true, true, true, false, false},
+        {"FilterLogLevel binary 0", {{"FilterLogLevel", REG_BINARY, zero4}}, true, true, true, false, false},
+        {"FilterLogLevel qword 0", {{"FilterLogLevel", REG_QWORD, zero8}}, true, true, true, false, false},
+        {"EnableCriticalLogger binary 0", {{"EnableCriticalLogger", REG_BINARY, zero4}}, true, true, true, false, false},
+        {"EnableCriticalLogger \"0\"", {{"EnableCriticalLogger", REG_SZ, {'0', 0}}}, true, true, true, false, false},
+        {"EnableOutputDebugString binary 1",
+         {{"EnableOutputDebugString", REG_BINARY, one4}}, true, true, true, false, false},
+    };
+    for (const auto& row : table) {
+        INFO(std::string(row.what));
+        const std::string nonce = Nonce();
+        const std::string debugText = "Config: debug " + nonce + ".", errorText = "Config: error " + nonce + ".";
+        LoggerValues values(row.values);
+        TarnLog::Log("Config::Probe", 2, "%s", debugText.c_str());
+        TarnLog::Log("Config::Probe", 0, "%s", errorText.c_str());
+
+        RingReader ring;
+        const auto debugRecords = ring.RecordsWith(debugText), errorRecords = ring.RecordsWith(errorText);
+        CHECK(debugRecords.size() == (row.ringDebug ? 1u : 0u));
+        CHECK(errorRecords.size() == (row.ringError ? 1u : 0u));
+        CHECK(CriticalFileHas("[Class: Config::Probe][Msg: " + errorText + "]") == row.critical);
+        const DWORD wait = row.debuggerDebug || row.debuggerError ? 5000 : 300;
+        const std::string debugLine = debugger.WaitFor(debugText, wait), errorLine = debugger.WaitFor(errorText, wait);
+        CHECK(debugLine.empty() != row.debuggerDebug);
+        CHECK(errorLine.empty() != row.debuggerError);
+        // The debugger gets the record's text form, the same line the critical file gets.
+        if (!errorLine.empty() && !errorRecords.empty())
+            CHECK(errorLine == TarnLog::FormatRecordText(errorRecords[0]));
+        if (!debugLine.empty() && !debugRecords.empty())
+            CHECK(debugLine == TarnLog::FormatRecordText(debugRecords[0]));
+    }
+}
+
+TEST_CASE("a second process adopts the ring's entry count whatever its own registry says")
+{
+    EnsureRing();
+    RingHeaderEditor editor;
+    const uint32_t count = editor.Header().entryCount;
+    REQUIRE(count > 0);
+    const uint32_t counter = editor.Header().writeCounter;
+    std::vector<uint8_t> bytes;
+    {
+        LoggerValues entries({Dword("NumberOfLogEntries", count == 100 ? 150 : 100)});
+        const auto child = RunLogWriter({L"--count", L"1", L"--class", L"Adopt::Probe"});
+        REQUIRE(child.started);
+        CHECK(child.exitCode == 0);
+        REQUIRE(RingReader().CopyBytes(bytes));
+    }
+    CHECK(Le32(&bytes[8]) == count);
+    // Generation bumps in between do not write records: the child's record is the next one.
+    REQUIRE(Le32(&bytes[4]) == counter + 1);
+    const uint8_t* entry = &bytes[292 + static_cast<size_t>(counter % count) * 692];
+    CHECK(FieldIs(entry + 32, 64, "Adopt::Probe"));
+    CHECK(FieldIs(entry, 32, "logwriter.exe"));
+}
+
+TEST_CASE("a damaged entry count in the header is left alone by every writer and refused by readers")
+{
+    EnsureRing();
+    RingHeaderEditor editor;
+    REQUIRE(editor.IsOpen());
+    const uint32_t count = editor.Header().entryCount;
+    REQUIRE(count > 0);
+    struct Restore {
+        RingHeaderEditor& editor;
+        uint32_t count;
+        ~Restore() { editor.Edit([&](uint8_t* base, size_t) { std::memcpy(base + 8, &count, 4); }); }
+    } restore{editor, count};
+
+    const uint32_t tooMany = static_cast<uint32_t>((editor.View().Size() - 292) / 692 + 1);
+    for (uint32_t damaged : {0u, 0xFFFFFFFFu, tooMany}) {
+        INFO("entry count " << damaged);
+        REQUIRE(editor.Edit([&](uint8_t* base, size_t) { std::memcpy(base + 8, &damaged, 4); }));
+        // A process that adopts the ring now must not trust the count: no record, no crash.
+        const uint32_t counter = editor.Header().writeCounter;
+        const auto child = RunLogWriter({L"--count", L"5", L"--error-every", L"2", L"--class", L"Damaged::Probe"});
+        REQUIRE(child.started);
+        CHECK(child.exitCode == 0);
+        CHECK(editor.Header().writeCounter == counter);
+        CHECK(editor.Header().entryCount == damaged);
+
+        // This process validated the count when it attached; it goes on with its own copy.
+        const std::string nonce = Nonce();
+        TarnLog::Log("Damaged::Probe", 2, "Damaged: own record %s.", nonce.c_str());
+        std::vector<uint8_t> bytes;
+        REQUIRE(editor.Edit([&](uint8_t* base, size_t size) { bytes.assign(base, base + size); }));
+        CHECK(Le32(&bytes[4]) == counter + 1);
+        CHECK(FieldIs(&bytes[292 + static_cast<size_t>(counter % count) * 692 + 180], 512,
+                      "Damaged: own record " + nonce + "."));
+        TarnLog::RingSnapshot snapshot;
+        std::string error;
+        CHECK_FALSE(RingReader().Snapshot(snapshot, error));
+    }
+}
+
+TEST_CASE("a reader's event is set by the next record of every process until it leaves; bad slot names are skipped")
+{
+    EnsureRing();
+    SlotsRestorer restore;
+    uint8_t unterminated[40] = {}, backslash[40] = {};
+    std::memset(unterminated, 'A', 32);
+    unterminated[32] = 1;
+    std::memcpy(backslash, "Bad\\Name", 8);
+    backslash[32] = 1;
+    REQUIRE(restore.Editor().WriteSlot(1, unterminated));
+    REQUIRE(restore.Editor().WriteSlot(2, backslash));
+    const std::string name = "TarnLogTest." + std::to_string(::GetCurrentProcessId()) + ".3";
+    TarnBase::UniqueHandle event = ReaderEvent(name);
+    REQUIRE(event);
+    REQUIRE(restore.Editor().PublishEvent(3, name));
+    // Names a reader overrunning slot 1 could have made of its bytes.
+    TarnBase::UniqueHandle overruns[] = {ReaderEvent(std::string(31, 'A')), ReaderEvent(std::string(32, 'A')),
+                                         ReaderEvent(std::string(32, 'A') + "\x01")};
+
+    TarnLog::Log("Slot::Probe", 2, "Slot: from this process.");
+    CHECK(IsSet(event.Get(), 2000));
+    for (const auto& overrun : overruns)
+        CHECK_FALSE(IsSet(overrun.Get()));
+    ::ResetEvent(event.Get());
+    const auto child = RunLogWriter({L"--count", L"1", L"--class", L"Slot::Probe"});
+    REQUIRE(child.started);
+    CHECK(child.exitCode == 0);
+    CHECK(IsSet(event.Get()));
+
+    // Once the slot is cleared (and the generation moved) the writers let the event go.
+    REQUIRE(restore.Editor().ClearSlot(3));
+    ::ResetEvent(event.Get());
+    TarnLog::Log("Slot::Probe", 2, "Slot: after the reader left.");
+    CHECK_FALSE(IsSet(event.Get()));
+    CHECK(RingReader().RecordsWith("Slot: after the reader left.").size() == 1);
+}
+
+TEST_CASE("a record that cannot get the ring within a second still reaches the critical file")
+{
+    EnsureRing();
+    const std::string nonce = Nonce();
+    const uint32_t counterBefore = RingReader().WriteCounter();
+
+    // Another thread holds the ring mutex through a handle of its own, as another process would.
+    TarnBase::UniqueHandle locked(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    TarnBase::UniqueHandle done(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    std::thread holder([&] {
+        TarnBase::UniqueHandle mutex(::OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, RingMutexName().c_str()));
+        RingMutexHold hold(mutex.Get(), 5000);
+        ::SetEvent(locked.Get());
+        ::WaitForSingleObject(done.Get(), 5000);
+    });
+    REQUIRE(::WaitForSingleObject(locked.Get(), 5000) == WAIT_OBJECT_0);
+
+    ::SetLastError(4321);
+    const ULONGLONG start = ::GetTickCount64();
+    TarnLog::Log("Timeout::Probe", 0, "Timeout: locked out %s.", nonce.c_str());
+    const ULONGLONG waited = ::GetTickCount64() - start;
+    CHECK(::GetLastError() == 4321u);
+    ::SetEvent(done.Get());
+    holder.join();
+
+    CHECK(waited >= 900);
+    CHECK(waited < 3000);
+    CHECK(RingReader().WriteCounter() == counterBefore);
+    CHECK(CriticalFileHas("[Class: Timeout::Probe][Msg: Timeout: locked out " + nonce + ".]"));
+}
