@@ -27,8 +27,8 @@ namespace {
 // mutex and keep it; a host must not freeze for as long as it likes.
 constexpr DWORD kRecordLockTimeoutMs = 1000;
 const char kRingRefusedMessage[] =
-    "Logger::Initialize() - The log map of another process is not committed, not readable or backed by a file; "
-    "records go only to the debugger output and the critical file.";
+    "Logger::Initialize() - The log map another process made is damaged, not committed, not readable or backed by "
+    "a file; records go only to the debugger output and the critical file.";
 
 // The logger is the sink of every library, including the ones it is built on. A record
 // raised while this thread is already inside the logger (a bad slot name, a throw during
