@@ -5,9 +5,11 @@
 // publishing its event, or a broken process damaging the header). The critical file is
 // read back here too, since a record that misses the ring must still reach it.
 
+#include "ChildProcess.h"
 #include "TarnBase/KernelObjectName.h"
 #include "TarnBase/win/Handle.h"
 #include "TarnLog/CriticalFile.h"
+#include "TarnLog/Log.h"
 #include "TarnLog/RingLayout.h"
 #include "TarnLog/win/Logger.h"
 
@@ -289,6 +291,20 @@ inline bool CriticalFileHas(const std::string& part)
         if (record.find(part) != std::string::npos)
             return true;
     return false;
+}
+
+// The logger creates the ring on its first record; readers need it to exist.
+inline void EnsureRing()
+{
+    TarnLog::Log("TarnTest::Ring", 2, "TarnTest: ring wanted by pid %lu.", ::GetCurrentProcessId());
+}
+
+// testing/logwriter: another process that logs as a host would.
+inline ChildResult RunLogWriter(const std::vector<std::wstring>& args, DWORD timeoutMs = 30000)
+{
+    std::vector<std::wstring> command{BuildPath("testing/logwriter/logwriter.exe")};
+    command.insert(command.end(), args.begin(), args.end());
+    return RunChild(command, timeoutMs);
 }
 
 } // namespace TarnTest

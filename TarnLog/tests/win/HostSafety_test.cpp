@@ -1,18 +1,22 @@
 // What other processes, and the host's own threads, can do to the logger without it
 // crashing, freezing or writing where it should not. The first case needs a machine
 // without a log ring, so it comes first and nothing before it in this program logs.
-#include "LoggerTestSupport.h"
+#include "ChildProcess.h"
+#include "RingReader.h"
 #include "TarnBase/KernelObjectName.h"
 #include "TarnLog/win/CriticalFileOpen.h"
+
+#include <doctest.h>
 
 #include <aclapi.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <functional>
+#include <optional>
 #include <thread>
 
-using namespace LoggerTest;
+using namespace TarnTest;
 
 namespace {
 

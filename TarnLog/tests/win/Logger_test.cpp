@@ -19,12 +19,6 @@ using namespace TarnTest;
 
 namespace {
 
-// The logger creates the ring on its first record; the readers need it to exist.
-void EnsureRing()
-{
-    TarnLog::Log("LoggerTest", 2, "LoggerTest: ring wanted by pid %lu.", ::GetCurrentProcessId());
-}
-
 struct Value {
     const char* name;
     DWORD type;
@@ -72,13 +66,6 @@ private:
     TarnBase::UniqueRegKey m_key;
     std::vector<std::pair<Value, bool>> m_old;
 };
-
-ChildResult RunLogWriter(const std::vector<std::wstring>& args)
-{
-    std::vector<std::wstring> command{BuildPath("testing/logwriter/logwriter.exe")};
-    command.insert(command.end(), args.begin(), args.end());
-    return RunChild(command, 30000);
-}
 
 bool AllZero(const uint8_t* from, size_t count)
 {
