@@ -130,11 +130,11 @@ TEST_CASE("an entry count changed while the reader runs never takes it outside t
         for (unsigned i = 0; !stop.load(std::memory_order_relaxed); ++i)
             std::memcpy(countField, &counts[i & 1], 4);
     });
-    size_t readable = 0, tooMany = 0;
+    size_t tooMany = 0;
     for (int i = 0; i < 20000; ++i) {
         RingSnapshot snapshot;
         std::string error;
-        readable += SnapshotRing(ring.data(), ring.size(), snapshot, error) ? 1 : 0;
+        SnapshotRing(ring.data(), ring.size(), snapshot, error);
         tooMany += snapshot.records.size() > 4 ? 1 : 0;
         std::vector<LogRecord> records;
         uint32_t counter = 0, lost = 0;
@@ -144,7 +144,12 @@ TEST_CASE("an entry count changed while the reader runs never takes it outside t
     stop = true;
     flipper.join();
     CHECK(tooMany == 0);
-    CHECK(readable > 0);
+    // Once the header is whole again the same ring reads: the reader refused only bad counts.
+    const uint32_t whole = 4;
+    std::memcpy(countField, &whole, 4);
+    RingSnapshot snapshot;
+    std::string error;
+    CHECK(SnapshotRing(ring.data(), ring.size(), snapshot, error));
 }
 
 TEST_CASE("slot names are only taken when in use and terminated inside the slot")
