@@ -11,9 +11,10 @@ seconds=$2
 runs=${3:-}
 src=$(cd "$(dirname "$0")/../.." && pwd)
 status=0
-for exe in "$build"/testing/fuzz/fuzz_*; do
-    [ -x "$exe" ] || continue
-    name=$(basename "$exe")
+# Targets come from the sources, so a binary left from a deleted target is never run.
+for source in "$src"/testing/fuzz/fuzz_*.cpp; do
+    name=$(basename "$source" .cpp)
+    exe="$build/testing/fuzz/$name"
     target=${name#fuzz_}
     work="$build/fuzz-work/$target"
     mkdir -p "$work/corpus"
