@@ -147,17 +147,12 @@ public:
         return args;
     }
 
+    // Failed evaluations keep their download for inspection; they are removed here.
     PageRun Run(const std::vector<std::wstring>& options, const std::string& script,
                 const std::vector<std::wstring>& scriptArgs = {}, const std::wstring& hostName = L"")
     {
         const std::set<std::wstring> before = Downloads();
-        Process process(Args(options, script, scriptArgs, hostName));
-        return Collect(process.Finish(), before);
-    }
-
-    // Failed evaluations keep their download for inspection; they are removed here.
-    static PageRun Collect(const ChildResult& result, const std::set<std::wstring>& before)
-    {
+        const ChildResult result = Process(Args(options, script, scriptArgs, hostName)).Finish();
         PageRun run{result, result.out, MessagesOf(result.processId), {}};
         for (const auto& name : Downloads())
             if (!before.count(name)) {
