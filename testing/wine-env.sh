@@ -1,8 +1,7 @@
 #!/bin/sh
-# Prepares and stops the Wine prefix of one build tree, and the local web server the tests
-# and the demo share. The server serves the build tree; Windows programs find its port and
-# root in C:\tarnweb.port (testing/support/TestServer.h).
-#   wine-env.sh up <build-dir>     create the prefix once, keep its server alive, register the
+# Prepares and stops the Wine prefix of one build tree and the local web server serving
+# that tree (port and root in C:\tarnweb.port, read by testing/support/TestServer.h).
+#   wine-env.sh up <build-dir>     create the prefix once, keep its server warm, register the
 #                                  DLL, start the web server
 #   wine-env.sh down <build-dir>   stop the web server and that prefix's Wine server
 set -eu
@@ -41,18 +40,12 @@ up)
     python3 "$src/testing/http/tarnhttp.py" "$build" --lifetime 3600 --port-file "$portfile" \
         </dev/null >/dev/null 2>&1 &
     echo $! >"$build/tarnweb.pid"
-    for _ in $(seq 1 100); do
-        [ -f "$portfile" ] && break
-        sleep 0.1
-    done
+    for _ in $(seq 1 100); do [ -f "$portfile" ] || sleep 0.1; done
     [ -f "$portfile" ] || { echo "wine-env: the web server did not start" >&2; exit 1; }
     ;;
 down)
     web_down
     wineserver -k >/dev/null 2>&1 || true
     ;;
-*)
-    echo "usage: wine-env.sh up|down <build-dir>" >&2
-    exit 2
-    ;;
+*) echo "usage: wine-env.sh up|down <build-dir>" >&2; exit 2 ;;
 esac

@@ -6,7 +6,6 @@ import os
 import re
 import sys
 import tempfile
-import time
 
 from pkgtest import CLSID, VERSION, artefact, check, finish, win_path, wine
 
@@ -21,29 +20,20 @@ NOT_OURS = re.compile(r"\\installer(\\|$)|\\currentversion\\uninstall\\|\\contro
 
 def expected_keys():
     tlb = ".".join(VERSION.split(".")[:2])
-    keys = set()
-
-    def add(base, *subkeys):
-        keys.update((base + s).lower() for s in ("",) + subkeys)
-
-    for classes in (r"hkey_local_machine\software\classes", r"hkey_local_machine\software\classes\wow6432node"):
-        add(classes + "\\clsid\\" + CLSID, r"\ProgID", r"\VersionIndependentProgID", r"\Programmable",
-            r"\InprocServer32", r"\TypeLib")
-        add(classes + "\\interface\\" + IID, r"\ProxyStubClsid", r"\ProxyStubClsid32", r"\TypeLib")
-        # Shared by both views; Wine, like Windows, shows them in each.
-        add(classes + "\\appid\\" + APPID)
-        add(classes + "\\typelib\\" + LIBID, "\\" + tlb, "\\%s\\FLAGS" % tlb, "\\%s\\HELPDIR" % tlb,
-            "\\%s\\0" % tlb, "\\%s\\0\\win32" % tlb, "\\%s\\0\\win64" % tlb)
-    add(r"hkey_local_machine\software\classes\TarnSM.TarnSM.1", r"\CLSID")
-    add(r"hkey_local_machine\software\classes\TarnSM.TarnSM", r"\CLSID", r"\CurVer")
-    for software in (r"hkey_local_machine\software", r"hkey_local_machine\software\wow6432node"):
-        add(software + r"\Ostrum", r"\Kestrel", r"\Kestrel\Config", r"\Kestrel\Config\TarnSM",
-            r"\Kestrel\Config\TarnSM\TestVendor", r"\Kestrel\Config\TestVendor", r"\Kestrel\Config\TestVendor\TarnSM",
-            r"\Kestrel\Config\TestVendor\TarnSM\TrustedSigners", r"\Kestrel\Config\TestVendor\TarnSM\TrustedSigners\Org, Inc.",
-            r"\Kestrel\Config\TestVendor\TarnSM\TrustedContainers",
-            r"\Kestrel\Config\TestVendor\TarnSM\TrustedContainers\cscript.exe")
-    add(r"hkey_local_machine\software\Ostrum\TarnSMX", r"\Setup")
-    return keys
+    config = ["Kestrel", r"Kestrel\Config", r"Kestrel\Config\TarnSM", r"Kestrel\Config\TarnSM\TestVendor"]
+    config += [r"Kestrel\Config\TestVendor" + s for s in ("", r"\TarnSM", r"\TarnSM\TrustedSigners",
+               r"\TarnSM\TrustedSigners\Org, Inc.", r"\TarnSM\TrustedContainers", r"\TarnSM\TrustedContainers\cscript.exe")]
+    tree = {r"\software\classes\TarnSM.TarnSM.1": ["CLSID"], r"\software\classes\TarnSM.TarnSM": ["CLSID", "CurVer"],
+            r"\software\Ostrum\TarnSMX": ["Setup"]}
+    for view in ("", r"\wow6432node"):
+        tree[r"\software%s\Ostrum" % view] = config
+        tree[r"\software\classes%s\clsid\%s" % (view, CLSID)] = ["ProgID", "VersionIndependentProgID", "Programmable",
+                                                                    "InprocServer32", "TypeLib"]
+        tree[r"\software\classes%s\interface\%s" % (view, IID)] = ["ProxyStubClsid", "ProxyStubClsid32", "TypeLib"]
+        tree[r"\software\classes%s\appid\%s" % (view, APPID)] = []  # shared by both views, shown in each
+        tree[r"\software\classes%s\typelib\%s" % (view, LIBID)] = [tlb + s for s in ("", r"\FLAGS", r"\HELPDIR", r"\0",
+                                                                                        r"\0\win32", r"\0\win64")]
+    return {(r"hkey_local_machine" + key + sub).lower() for key, subs in tree.items() for sub in [""] + ["\\" + s for s in subs]}
 
 
 def snapshot(tmp, name):
@@ -69,10 +59,8 @@ def query(key, name=None):
 
 with tempfile.TemporaryDirectory() as tmp:
     keys0, files0 = snapshot(tmp, "before")
-    started = time.time()
     run = wine(prefix, "msiexec", "/i", msi, "/qn", "VENDORID=TestVendor", "TRUSTEDSIGNER1=Org, Inc.",
                "TRUSTEDCONTAINER1=cscript.exe", "DOWNLOADTIMEOUT=2500")
-    print("install: %.1f s" % (time.time() - started))
     check(run.returncode == 0, "msiexec /i /qn succeeds " + run.stdout.strip())
     keys1, files1 = snapshot(tmp, "installed")
     added = keys1 - keys0
@@ -97,9 +85,7 @@ with tempfile.TemporaryDirectory() as tmp:
           "the control answers a script: %r" % answers.stdout.strip())
     # What the control and the script engine write when they run is theirs, not the installer's.
     keys_run, files_run = snapshot(tmp, "used")
-    started = time.time()
     run = wine(prefix, "msiexec", "/x", msi, "/qn")
-    print("uninstall: %.1f s" % (time.time() - started))
     check(run.returncode == 0, "msiexec /x /qn succeeds " + run.stdout.strip())
     keys2, files2 = snapshot(tmp, "removed")
     left = (keys2 - keys0) - (keys_run - keys1)

@@ -13,8 +13,7 @@ failures = []
 
 def check(ok, what):
     print(("ok:   " if ok else "FAIL: ") + what)
-    if not ok:
-        failures.append(what)
+    failures.extend([] if ok else [what])
 
 
 def finish():
@@ -24,9 +23,7 @@ def finish():
 
 def artefact(release, suffix):
     found = glob.glob(os.path.join(release, "TarnSMX-%s*%s" % (VERSION, suffix)))
-    if len(found) != 1:
-        sys.exit("no single TarnSMX-%s*%s in %s: run packaging/release.sh --test-cert" % (VERSION, suffix, release))
-    return found[0]
+    return found[0] if len(found) == 1 else sys.exit("no single *%s in %s: run packaging/release.sh --test-cert" % (suffix, release))
 
 
 def win_path(path):
@@ -48,7 +45,5 @@ def pe_version(path):
     """FILEVERSION of the version resource, as "a.b.c.d"."""
     data = open(path, "rb").read()
     at = data.find(struct.pack("<I", 0xFEEF04BD))
-    if at < 0:
-        return "none"
-    ms, ls = struct.unpack_from("<II", data, at + 8)
+    ms, ls = struct.unpack_from("<II", data, at + 8) if at >= 0 else (0, 0)
     return "%d.%d.%d.%d" % (ms >> 16, ms & 0xFFFF, ls >> 16, ls & 0xFFFF)

@@ -2,15 +2,15 @@
 // domains against it. A domain that matches must really end with the entry.
 #include "TarnSM/SiteList.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     // First line: the domain; the rest: the list.
     const std::string input(reinterpret_cast<const char*>(data), size);
-    const size_t split = input.find('\n');
-    const std::string domain = split == std::string::npos ? input : input.substr(0, split);
-    const std::string list = split == std::string::npos ? std::string() : input.substr(split + 1);
+    const size_t split = std::min(input.find('\n'), input.size());
+    const std::string domain = input.substr(0, split), list = input.substr(std::min(split + 1, input.size()));
 
     std::vector<std::string> trusted, denied;
     TarnSMX::ParseSiteInfo(list, trusted, denied);

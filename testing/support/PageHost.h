@@ -13,6 +13,7 @@
 
 #include <wrl/client.h>
 
+#include <algorithm>
 #include <memory>
 #include <set>
 #include <string>
@@ -50,10 +51,8 @@ inline std::vector<std::string> MessagesOf(DWORD pid)
 // How often this process put `message` into the ring.
 inline size_t CountRingMessages(const std::string& message)
 {
-    size_t n = 0;
-    for (const auto& m : MessagesOf(::GetCurrentProcessId()))
-        n += m == message ? 1 : 0;
-    return n;
+    const std::vector<std::string> messages = MessagesOf(::GetCurrentProcessId());
+    return std::count(messages.begin(), messages.end(), message);
 }
 
 // Script: echoes IsCurrentSiteTrusted `asks` times on each of `controls` controls.
@@ -81,11 +80,9 @@ if (host.ArgCount > 0 && host.Arg(0) == "poll") {
     while (answer != "true" && new Date().getTime() < end)
         answer = ask("");
     host.Echo(answer);
-} else if (host.ArgCount == 0) {
-    host.Echo(ask(""));
 } else {
-    for (var i = 0; i < host.ArgCount; i++)
-        host.Echo(ask(host.Arg(i)));
+    for (var i = 0; i < Math.max(host.ArgCount, 1); i++)
+        host.Echo(ask(host.ArgCount ? host.Arg(i) : ""));
 }
 )";
 
@@ -105,10 +102,8 @@ struct PageRun {
     bool Logged(const std::string& prefix) const { return Count(prefix) > 0; }
     size_t Count(const std::string& prefix) const
     {
-        size_t n = 0;
-        for (const auto& m : messages)
-            n += m.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
-        return n;
+        return std::count_if(messages.begin(), messages.end(),
+                             [&](const std::string& m) { return m.compare(0, prefix.size(), prefix) == 0; });
     }
 };
 
@@ -125,13 +120,10 @@ public:
     // tarnhost.exe, or a copy of it named `name`.
     std::wstring Host(const std::wstring& name = L"")
     {
-        const std::wstring original = BuildPath("tools/tarnhost/tarnhost.exe");
-        if (name.empty())
-            return original;
-        const std::wstring copy = m_dir / name;
-        if (!FileExists(copy))
+        const std::wstring original = BuildPath("tools/tarnhost/tarnhost.exe"), copy = m_dir / name;
+        if (!name.empty() && !FileExists(copy))
             ::CopyFileW(original.c_str(), copy.c_str(), FALSE);
-        return copy;
+        return name.empty() ? original : copy;
     }
 
     // `script`: the file's bytes (ASCII, or Utf16Script).
@@ -147,17 +139,12 @@ public:
         return args;
     }
 
+    // Failed evaluations keep their download for inspection; they are removed here.
     PageRun Run(const std::vector<std::wstring>& options, const std::string& script,
                 const std::vector<std::wstring>& scriptArgs = {}, const std::wstring& hostName = L"")
     {
         const std::set<std::wstring> before = Downloads();
-        Process process(Args(options, script, scriptArgs, hostName));
-        return Collect(process.Finish(), before);
-    }
-
-    // Failed evaluations keep their download for inspection; they are removed here.
-    static PageRun Collect(const ChildResult& result, const std::set<std::wstring>& before)
-    {
+        const ChildResult result = Process(Args(options, script, scriptArgs, hostName)).Finish();
         PageRun run{result, result.out, MessagesOf(result.processId), {}};
         for (const auto& name : Downloads())
             if (!before.count(name)) {

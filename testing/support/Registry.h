@@ -43,29 +43,23 @@ public:
     ScopedRegistryKey(const ScopedRegistryKey&) = delete;
     ScopedRegistryKey& operator=(const ScopedRegistryKey&) = delete;
 
-    bool Ok() const { return m_ok; }
-    HKEY Get() const { return m_key.Get(); }
-
     bool SetRaw(const std::string& name, DWORD type, const void* data, DWORD size)
     {
         if (!m_ok)
             return false;
         Saved saved{name, false, REG_NONE, {}};
         DWORD oldSize = 0;
-        if (::RegQueryValueExA(m_key.Get(), name.c_str(), nullptr, &saved.type, nullptr, &oldSize) == ERROR_SUCCESS) {
-            saved.existed = true;
-            saved.data.resize(oldSize);
-            ::RegQueryValueExA(m_key.Get(), name.c_str(), nullptr, &saved.type, saved.data.data(), &oldSize);
-        }
+        saved.existed = ::RegQueryValueExA(m_key.Get(), name.c_str(), nullptr, &saved.type, nullptr, &oldSize) == ERROR_SUCCESS;
+        saved.data.resize(oldSize);
+        ::RegQueryValueExA(m_key.Get(), name.c_str(), nullptr, &saved.type, saved.data.data(), &oldSize);
         m_saved.push_back(saved);
         return ::RegSetValueExA(m_key.Get(), name.c_str(), 0, type, static_cast<const BYTE*>(data), size) ==
                ERROR_SUCCESS;
     }
     bool SetDword(const std::string& name, DWORD value) { return SetRaw(name, REG_DWORD, &value, sizeof value); }
-    bool SetString(const std::string& name, const std::string& value)
-    {
-        return SetRaw(name, REG_SZ, value.c_str(), static_cast<DWORD>(value.size() + 1));
-    }
+
+protected:
+    HKEY Get() const { return m_key.Get(); }
 
     // Empty subkeys below `sub` (itself created when missing); names as UTF-16, so letters
     // outside the ANSI code page stay exact.
@@ -97,9 +91,7 @@ private:
 // signer and container lists.
 class VendorKey : public ScopedRegistryKey {
 public:
-    explicit VendorKey(const std::string& vendor) : ScopedRegistryKey(HKEY_LOCAL_MACHINE, Parent() + vendor), m_vendor(vendor)
-    {
-    }
+    explicit VendorKey(const std::string& vendor) : ScopedRegistryKey(HKEY_LOCAL_MACHINE, Parent() + vendor), m_vendor(vendor) {}
     void AddSigners(const std::vector<std::wstring>& names) { AddSubkeys(L"TarnSM\\TrustedSigners", names); }
     void AddContainers(const std::vector<std::wstring>& names = {}) { AddSubkeys(L"TarnSM\\TrustedContainers", names); }
     void RemoveContainer(const std::wstring& name)

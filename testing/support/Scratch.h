@@ -49,12 +49,8 @@ inline void DeleteTree(const std::wstring& dir)
     if (search != INVALID_HANDLE_VALUE) {
         do {
             const std::wstring name = found.cFileName, path = dir + L"\\" + name;
-            if (name == L"." || name == L"..")
-                continue;
-            if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                DeleteTree(path);
-            else
-                ::DeleteFileW(path.c_str());
+            if (name != L"." && name != L"..")
+                (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) ? DeleteTree(path) : void(::DeleteFileW(path.c_str()));
         } while (::FindNextFileW(search, &found));
         ::FindClose(search);
     }
@@ -68,8 +64,8 @@ public:
     {
         wchar_t temp[MAX_PATH];
         ::GetTempPathW(MAX_PATH, temp);
-        m_path = std::wstring(temp) + L"tarn-" + tag + L"-" + std::to_wstring(::GetCurrentProcessId()) + L"-" +
-                 std::to_wstring(::InterlockedIncrement(&Counter()));
+        const std::string unique = Unique("");
+        m_path = std::wstring(temp) + L"tarn-" + tag + std::wstring(unique.begin(), unique.end());
         ::CreateDirectoryW(m_path.c_str(), nullptr);
     }
     ~TempDir() { DeleteTree(m_path); }
@@ -88,11 +84,6 @@ public:
     }
 
 private:
-    static LONG& Counter()
-    {
-        static LONG counter = 0;
-        return counter;
-    }
     std::wstring m_path;
 };
 
