@@ -53,11 +53,11 @@ leaf() {  # <file stem> <issuer stem> <extended key usage> <subject> [start end]
     cp "$out/$2.pem" "$out/$1.ca.pem"
 }
 leaf plain root codeSigning /CN=PlainSigner
-leaf expired root codeSigning /CN=ExpiredSigner 20200101000000Z 20210101000000Z
+leaf expired root codeSigning /CN=PlainSigner 20200101000000Z 20210101000000Z  # a listed name: only the date fails
 leaf wrongusage root serverAuth /CN=WrongUsage
 leaf org root codeSigning "/CN=Org, Inc."                   # a comma in the name
 leaf lowercase root codeSigning /CN=plainsigner             # PlainSigner in other letter case
-leaf rogue rogue-root codeSigning /CN=RogueSigner           # issued by the untrusted root
+leaf rogue rogue-root codeSigning /CN=PlainSigner           # a listed name issued by the untrusted root
 leaf lookalike root codeSigning "/CN=$(printf '\357\274\260')lainSigner"  # U+FF30: full-width P
 leaf forged root codeSigning "/O=Org+OU=x, 2.5.4.3=PlainSigner, y/CN=ForgedSigner"
 leaf tarnsm root codeSigning /CN=TarnSM                     # named like the control's own key
