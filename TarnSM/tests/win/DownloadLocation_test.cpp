@@ -19,10 +19,7 @@ using Control = ComPtr<TarnSMX::CTarnSM>;
 namespace {
 
 // The page map lives as long as the process, so every test gets pages of its own.
-std::string PageDir()
-{
-    return "http://www.tarn-test.example/" + Unique("p");
-}
+std::string PageDir() { return "http://www.tarn-test.example/" + Unique("p"); }
 
 void Put(const Control& control, const wchar_t* value)
 {
@@ -55,11 +52,7 @@ TEST_CASE("resolution table: the property, or trust.dll, relative to the page")
 {
     ComApartment com;
     const std::string dir = PageDir();
-    struct Row {
-        std::string page;
-        const wchar_t* property;
-        std::string expected;
-    };
+    struct Row { std::string page; const wchar_t* property; std::string expected; };
     const std::vector<Row> rows = {
         {dir + "/sub/page.html?q=1#top", nullptr, dir + "/sub/trust.dll"},
         {dir + "/sub/page.html", L"https://data.tarn-test.example/lists/t.dll", "https://data.tarn-test.example/lists/t.dll"},
