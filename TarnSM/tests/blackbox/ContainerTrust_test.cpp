@@ -5,10 +5,10 @@
 #include "PageHost.h"
 #include "Registry.h"
 #include "TarnSM/win/ContainerState.h"
+#include "TarnUtils/win/Bstr.h"
 
 #include <doctest.h>
 
-#include <functional>
 #include <memory>
 
 using namespace TarnTest;
@@ -36,14 +36,9 @@ std::vector<std::wstring> Options(const std::wstring& url, const std::string& ve
 
 TEST_CASE("container names table: built-in list, case, the browser, zones, vendor and alternative lists")
 {
-    struct Row {
-        const wchar_t* host;
-        std::wstring url;
-        Vendor vendor;
-        std::vector<std::wstring> lists;  // alternative lists asked in turn; none: "" once
-        const char* answers;
-        std::vector<std::wstring> more = {};
-    };
+    // {host copy, page, vendor setup, alternative lists asked in turn (none: "" once) ->
+    // answers; more tarnhost options}
+    struct Row { const wchar_t* host; std::wstring url; Vendor vendor; std::vector<std::wstring> lists; const char* answers; std::vector<std::wstring> more = {}; };
     const std::vector<Row> rows = {
         {L"MsHta.Exe", kLocal, Vendor::None, {}, "true\n"},
         {L"myhost.exe", kLocal, Vendor::None, {}, "false\n"},
@@ -79,9 +74,7 @@ TEST_CASE("container names table: built-in list, case, the browser, zones, vendo
     };
     PageHost pages;
     for (const Row& row : rows) {
-        CAPTURE(Narrow(row.host));
-        CAPTURE(static_cast<int>(row.vendor));
-        CAPTURE(row.answers);
+        CAPTURE(Narrow(row.host) + " " + std::to_string(int(row.vendor)) + " " + row.answers);
         const std::string name = Unique("ContainerVendor");
         std::unique_ptr<VendorKey> vendor;
         if (row.vendor != Vendor::None && row.vendor != Vendor::Unknown)
@@ -147,21 +140,16 @@ TEST_CASE("in one process: the vendor's list is read once and kept for the proce
     ::GetModuleFileNameW(nullptr, self, MAX_PATH);
     std::wstring name = self;
     name = name.substr(name.find_last_of(L'\\') + 1);
-    for (auto& c : name)
-        c = static_cast<wchar_t>(towlower(c));
+    ::CharLowerW(&name[0]);
     VendorKey vendor(Unique("ContainerCache"));
     vendor.AddContainers({name});
-    auto setVendor = [&](const std::string& id) {
-        BSTR text = ::SysAllocString(Widen(id).c_str());
-        control->put_VendorID(text);
-        ::SysFreeString(text);
-    };
     // The vendor is process-wide: whatever happens here, later tests must see none.
     struct Reset {
-        std::function<void(const std::string&)> set;
-        ~Reset() { set(""); }
-    } reset{setVendor};
-    setVendor(vendor.Name());
+        ITarnSM* control;
+        void Set(const std::string& id) const { control->put_VendorID(TarnUtils::UniqueBstr(::SysAllocString(Widen(id).c_str())).Get()); }
+        ~Reset() { Set(""); }
+    } reset{control.Get()};
+    reset.Set(vendor.Name());
     auto ask = [](ITarnSM* c) {
         VARIANT_BOOL answer = VARIANT_FALSE;
         return c->IsCurrentContainerTrusted(nullptr, &answer) == S_OK && answer == VARIANT_TRUE;
@@ -170,6 +158,6 @@ TEST_CASE("in one process: the vendor's list is read once and kept for the proce
     vendor.RemoveContainer(name);  // changes nothing until the process restarts
     CHECK(ask(control.Get()));
     CHECK(ask(CreateControl().Get()));  // a second control shares the vendor and its list
-    setVendor("");
+    reset.Set("");
     CHECK_FALSE(ask(control.Get()));
 }
