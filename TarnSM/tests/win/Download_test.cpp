@@ -1,18 +1,41 @@
 // DownloadFile and GetHttpStatusCode against the local web server, and the connect time-out
 // configuration as the download reads it from the registry.
-#include "DownloadWeb.h"
 #include "LogCapture.h"
 #include "Registry.h"
+#include "Scratch.h"
+#include "TestServer.h"
 
 #include "TarnSM/win/TrustDataDownload.h"
 #include "TarnSM/win/VendorId.h"
 
 #include <doctest.h>
 
-using namespace DownloadTest;
 using namespace TarnTest;
 
 namespace {
+
+// Every byte value, in an order that no off-by-one copy reproduces by accident.
+std::string PatternBytes(size_t size, unsigned state)
+{
+    std::string bytes(size, '\0');
+    for (auto& b : bytes)
+        b = static_cast<char>(((state = state * 1103515245u + 12345u) >> 16) & 0xFF);
+    return bytes;
+}
+
+const std::string kTrustDll = PatternBytes(5000, 1);
+const std::string kThreeBuffers = PatternBytes(3 * 1024, 2);
+
+// Files of known bytes in a scratch folder, served by the local web server.
+TestServer& Web()
+{
+    static TempDir root{L"www"};
+    static const bool put = root.Put(L"dir\\trust.dll", kTrustDll) &&
+                            root.Put(L"dir\\three-buffers.bin", kThreeBuffers) && root.Put(L"dir\\empty.bin", "");
+    static TestServer server(UnixPathOf(root.Path()));
+    REQUIRE((put && server.Running()));
+    return server;
+}
 
 std::string StatusRecord(unsigned status)
 {
@@ -36,7 +59,7 @@ struct ScopedVendorId {
     std::string previous;
 };
 
-std::string Url(const std::string& path) { return Web::Instance().Url(path); }
+std::string Url(const std::string& path) { return Web().Url(path); }
 
 std::string Refused()
 {
@@ -47,14 +70,13 @@ std::string Refused()
 
 TEST_CASE("DownloadFile table: a 200 body is written whole over the target; anything else fails before touching it")
 {
-    REQUIRE(Web::Instance().Running());
     const std::string connectFailed = "DownloadFile: Failure calling InternetOpenUrl. GetLastError: ";
     const std::string createFailed = "DownloadFile: Failed to create our temporary file to receive the download data. GetLastError: ";
     const std::string longPath = "/dir/" + std::string(3000, 'a') + ".dll";
     // {url, target below the scratch folder -> result, what the target holds afterwards ("-"
     // for no file), the one failure record by prefix ("" for none)}
     struct Row { std::string url; const char* target; bool result; std::string body, failure; };
-    const std::vector<Row> rows = {
+    std::vector<Row> rows = {
         {Url("/dir/trust.dll"), "stale.tmp", true, kTrustDll, ""},
         {Url("/dir/three-buffers.bin"), "t.tmp", true, kThreeBuffers, ""},
         {Url("/dir/empty.bin"), "stale.tmp", true, "", ""},
@@ -62,20 +84,16 @@ TEST_CASE("DownloadFile table: a 200 body is written whole over the target; anyt
         // left for the signature check to reject.
         {Url("/dir/trust.dll?truncate=1500"), "t.tmp", true, kTrustDll.substr(0, 1500), ""},
         {Url("/dir/missing.dll"), "t.tmp", false, "-", StatusRecord(404)},
-        {Url("/dir/trust.dll?status=304"), "t.tmp", false, "-", StatusRecord(304)},
-        {Url("/dir/trust.dll?status=206"), "t.tmp", false, "-", StatusRecord(206)},
-        {Url("/dir/trust.dll?status=500"), "t.tmp", false, "-", StatusRecord(500)},
-        {Url("/dir/trust.dll?status=201"), "t.tmp", false, "-", StatusRecord(201)},
         {Url(longPath), "t.tmp", false, "-", StatusRecord(404)},  // reaches the server whole
         {Url("/dir/trust.dll?close=1"), "t.tmp", false, "-", "DownloadFile: "},
         {Refused(), "t.tmp", false, "-", connectFailed + "12029."},
         {Url("/dir/trust.dll"), "no-such-folder\\t.tmp", false, "-", createFailed + "3."},
         {Url("/dir/trust.dll"), "locked.tmp", false, "keep", createFailed + "32."},
-        {"file:///C:/windows/win.ini", "t.tmp", false, "-", "DownloadFile: F"},
-        {"", "t.tmp", false, "-", "DownloadFile: F"},
-        {"trust.dll", "t.tmp", false, "-", "DownloadFile: F"},
-        {"tarn://127.0.0.1/trust.dll", "t.tmp", false, "-", "DownloadFile: F"},
     };
+    for (unsigned status : {304u, 206u, 500u, 201u})
+        rows.push_back({Url("/dir/trust.dll?status=" + std::to_string(status)), "t.tmp", false, "-", StatusRecord(status)});
+    for (const char* odd : {"file:///C:/windows/win.ini", "", "trust.dll", "tarn://127.0.0.1/trust.dll"})
+        rows.push_back({odd, "t.tmp", false, "-", "DownloadFile: F"});
     for (const Row& row : rows) {
         CAPTURE(row.url.substr(0, 120));
         TempDir dir(L"dl");
@@ -102,12 +120,11 @@ TEST_CASE("DownloadFile table: a 200 body is written whole over the target; anyt
             CHECK(failures.back().compare(0, row.failure.size(), row.failure) == 0);
         }
     }
-    CHECK(Web::Instance().Count(longPath) == 1);
+    CHECK(Web().RequestCount(longPath) == 1);
 }
 
 TEST_CASE("GetHttpStatusCode reads a request's status and answers 999 for other handles")
 {
-    REQUIRE(Web::Instance().Running());
     LogCapture capture;
     TarnBase::UniqueInternetHandle session(::InternetOpenA("TarnSM", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
     for (HINTERNET handle : {HINTERNET(nullptr), session.Get()}) {
