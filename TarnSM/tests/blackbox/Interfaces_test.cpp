@@ -26,7 +26,7 @@ struct CountedSite : IUnknown {
 
 TEST_SUITE("the control's standard interfaces")
 {
-    TEST_CASE("IObjectSafety declares safe for untrusted callers and data; ISupportErrorInfo is for ITarnSM only")
+    TEST_CASE("IObjectSafety: safe for untrusted callers and data; ISupportErrorInfo: ITarnSM only; IObjectWithSite: one reference")
     {
         ComApartment com;
         ComPtr<ITarnSM> control = CreateControl();
@@ -58,13 +58,7 @@ TEST_SUITE("the control's standard interfaces")
         REQUIRE(SUCCEEDED(control.As(&support)));
         CHECK(support->InterfaceSupportsErrorInfo(TarnSMX::kIidITarnSM) == S_OK);
         CHECK(support->InterfaceSupportsErrorInfo(IID_IDispatch) == S_FALSE);
-    }
-
-    TEST_CASE("IObjectWithSite holds exactly one reference to its site")
-    {
-        ComApartment com;
-        ComPtr<ITarnSM> control = CreateControl();
-        REQUIRE(control);
+        // IObjectWithSite holds exactly one reference to its site.
         ComPtr<IObjectWithSite> withSite;
         REQUIRE(SUCCEEDED(control.As(&withSite)));
         void* out = reinterpret_cast<void*>(1);
