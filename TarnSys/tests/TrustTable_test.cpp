@@ -25,7 +25,7 @@ uint16_t UnitAt(const std::vector<uint8_t>& bytes, size_t at) { return uint16_t(
 
 } // namespace
 
-TEST_CASE("layout: entries of a pid field then a path field, little-endian units, nothing else touched")
+TEST_CASE("layout: a pid field then a path field, little-endian units, nothing else touched; read back within bounds")
 {
     auto table = EmptyTable();
     Put(table, 2, u"1234", u"AB");
@@ -41,11 +41,7 @@ TEST_CASE("layout: entries of a pid field then a path field, little-endian units
     CHECK(std::count(table.begin(), table.begin() + EntryOffset(2), 0) == std::ptrdiff_t(EntryOffset(2)));
     CHECK(std::count(table.begin() + EntryOffset(4), table.end(), 0) == std::ptrdiff_t(kTableBytes - EntryOffset(4)));
     CHECK(EntryOffset(14) + kTableEntryBytes == kTableBytes);
-}
-
-TEST_CASE("reading entries back: fields up to their terminator or their own end, free entries, bounds")
-{
-    auto table = EmptyTable();
+    // Read back: fields up to their terminator or their own end, free entries, bounds.
     Put(table, 0, u"42", u"stored");
     auto entry = ReadEntry(table.data(), table.size(), 0);
     CHECK((entry && entry->pid == u"42" && entry->path == u"stored"));

@@ -59,7 +59,6 @@ TEST_CASE("the first holder creates the table, a second opens it; a grant is fou
     TarnTest::LogCapture log;
     DynamicProcessTrust first;
     REQUIRE(first.Initialize());
-    CHECK(first.Initialize());  // once per object
     // The program runs alone (SERIAL) and every object of an earlier case is gone: this one creates.
     REQUIRE(first.CreatedTable());
     CHECK(first.ListProcesses().empty());
@@ -96,20 +95,14 @@ TEST_CASE("the first holder creates the table, a second opens it; a grant is fou
     REQUIRE(table.GrantProcess(kPid, L"z:\\tmp\\Host\\MSHTA.EXE") == GrantResult::Granted);
     CHECK(table.IsTrustedProcess(kPid, L"Z:\\TMP\\host\\mshta.exe"));
     CHECK(table.ClearTrustedProcess(kPid, L"Z:\\TMP\\host\\mshta.exe"));
-}
-
-TEST_CASE("identifier length: 256 characters are searched, 257 refused")
-{
-    DynamicProcessTrust table;
-    REQUIRE(table.Initialize());
+    // Identifiers: 256 characters are searched, 257 refused.
     TarnMT::AutoLockMutex lock(&table.TableMutex(), INFINITE);
-    TarnTest::LogCapture log;
-    uint32_t index = 7;
+    log.Clear();
+    uint32_t found = 7;
     std::wstring path = L"left over";
-    CHECK_FALSE(table.FindProcess(std::wstring(256, L'9'), index, path));
-    CHECK(index == 0);
-    CHECK(path.empty());
-    CHECK_FALSE(table.FindProcess(std::wstring(257, L'9'), index, path));
+    CHECK_FALSE(table.FindProcess(std::wstring(256, L'9'), found, path));
+    CHECK((found == 0 && path.empty()));
+    CHECK_FALSE(table.FindProcess(std::wstring(257, L'9'), found, path));
     TarnTest::Expect(log, {{"", 3, "FindProcess():  Failed to find specified process in list , PID = 9999..."},
                            {"", 2, "FindProcess():  PID parameter string is too long. Invalid arg. Cannot find process."}});
 }
