@@ -138,13 +138,11 @@ TEST_SUITE("the control's standard interfaces")
         object.Reset();
         CHECK(canUnload() == S_OK);
 
-        REQUIRE(getClassObject(TarnSMX::kClsidTarnSM, IID_IClassFactory, &factory) == S_OK);
-        CHECK(factory->LockServer(TRUE) == S_OK);
-        factory.Reset();
-        CHECK(canUnload() == S_FALSE);  // locked with no object alive
-        REQUIRE(getClassObject(TarnSMX::kClsidTarnSM, IID_IClassFactory, &factory) == S_OK);
-        CHECK(factory->LockServer(FALSE) == S_OK);
-        factory.Reset();
-        CHECK(canUnload() == S_OK);
+        for (const BOOL lock : {TRUE, FALSE}) {  // locked with no object alive, then unlocked
+            REQUIRE(getClassObject(TarnSMX::kClsidTarnSM, IID_IClassFactory, &factory) == S_OK);
+            CHECK(factory->LockServer(lock) == S_OK);
+            factory.Reset();
+            CHECK(canUnload() == (lock ? S_FALSE : S_OK));
+        }
     }
 }
