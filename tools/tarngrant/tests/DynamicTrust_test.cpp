@@ -1,7 +1,5 @@
-// Dynamic container trust end to end: tarngrant writes a grant into the machine-wide table,
-// a page host (a copy of tarnhost under some name) asks the registered control, and the
-// grant is used exactly once. The table is shared by every process of the session, so
-// these tests run alone (SERIAL) and leave it as they found it.
+// Dynamic container trust end to end: tarngrant grants, a copy of tarnhost asks the registered
+// control. The table is machine-wide, so these tests run alone and leave it as they found it.
 #include "ContainerHost.h"
 
 #include <doctest.h>
@@ -47,8 +45,10 @@ std::unique_ptr<Process> StartHost(TarnTest::PageHost& pages, const std::wstring
 void Grant(Table& table, DWORD pid, const std::wstring& path = L"")
 {
     table.pids.push_back(Pid(pid));
-    const auto run = RunGrant(path.empty() ? std::vector<std::wstring>{L"grant", Pid(pid)}
-                                           : std::vector<std::wstring>{L"grant", Pid(pid), path});
+    std::vector<std::wstring> args{L"grant", Pid(pid)};
+    if (!path.empty())  // else tarngrant's view of the process's path
+        args.push_back(path);
+    const auto run = RunGrant(args);
     REQUIRE_MESSAGE(run.exitCode == 0, run.err);
     CHECK(run.out.find("granted process " + Narrow(Pid(pid))) == 0);
 }
@@ -57,11 +57,8 @@ void Grant(Table& table, DWORD pid, const std::wstring& path = L"")
 
 TEST_CASE("a grant is used once: true from the table, then from the flag; the entry is gone; tarngrant held the table")
 {
-    {
-        TarnSys::DynamicProcessTrust probe;
-        REQUIRE(probe.Initialize());
-        REQUIRE_MESSAGE(probe.CreatedTable(), "another process holds the table");
-    }
+    REQUIRE_MESSAGE([] { TarnSys::DynamicProcessTrust probe; return probe.Initialize() && probe.CreatedTable(); }(),
+                    "another process holds the table");
     TarnTest::PageHost pages;
     auto host = StartHost(pages, L"myhost.exe", 2);
     const std::string pid = std::to_string(host->Pid());
