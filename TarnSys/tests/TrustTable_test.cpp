@@ -3,6 +3,7 @@
 
 #include <doctest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <optional>
 #include <random>
@@ -11,10 +12,7 @@ using namespace TarnSys;
 
 namespace {
 
-std::vector<uint8_t> EmptyTable()
-{
-    return std::vector<uint8_t>(kTableBytes, 0);
-}
+std::vector<uint8_t> EmptyTable() { return std::vector<uint8_t>(kTableBytes, 0); }
 
 void Put(std::vector<uint8_t>& table, size_t index, const std::u16string& pid, const std::u16string& path)
 {
@@ -23,14 +21,11 @@ void Put(std::vector<uint8_t>& table, size_t index, const std::u16string& pid, c
     REQUIRE(WriteEntry(table.data(), table.size(), index, *entry));
 }
 
-uint16_t UnitAt(const std::vector<uint8_t>& bytes, size_t offset)
-{
-    return static_cast<uint16_t>(bytes[offset] | (bytes[offset + 1] << 8));
-}
+uint16_t UnitAt(const std::vector<uint8_t>& bytes, size_t at) { return uint16_t(bytes[at] | (bytes[at + 1] << 8)); }
 
 } // namespace
 
-TEST_CASE("layout: entries of a pid field then a path field, little-endian units, nothing else touched")
+TEST_CASE("layout: a pid field then a path field, little-endian units, nothing else touched; read back within bounds")
 {
     auto table = EmptyTable();
     Put(table, 2, u"1234", u"AB");
@@ -43,20 +38,13 @@ TEST_CASE("layout: entries of a pid field then a path field, little-endian units
     };
     for (const auto& u : units)
         CHECK(UnitAt(table, u.offset) == u.unit);
-    for (size_t i = 0; i < kTableBytes; ++i)
-        if (i < EntryOffset(2) || i >= EntryOffset(4))
-            REQUIRE(table[i] == 0);
+    CHECK(std::count(table.begin(), table.begin() + EntryOffset(2), 0) == std::ptrdiff_t(EntryOffset(2)));
+    CHECK(std::count(table.begin() + EntryOffset(4), table.end(), 0) == std::ptrdiff_t(kTableBytes - EntryOffset(4)));
     CHECK(EntryOffset(14) + kTableEntryBytes == kTableBytes);
-}
-
-TEST_CASE("reading entries back: fields up to their terminator or their own end, free entries, bounds")
-{
-    auto table = EmptyTable();
+    // Read back: fields up to their terminator or their own end, free entries, bounds.
     Put(table, 0, u"42", u"stored");
     auto entry = ReadEntry(table.data(), table.size(), 0);
-    REQUIRE(entry);
-    CHECK(entry->pid == u"42");
-    CHECK(entry->path == u"stored");
+    CHECK((entry && entry->pid == u"42" && entry->path == u"stored"));
     CHECK(ReadEntry(table.data(), table.size(), 1)->IsFree());
     CHECK_FALSE(ReadEntry(table.data(), table.size(), 15));
     CHECK_FALSE(ReadEntry(nullptr, table.size(), 0));
@@ -120,7 +108,6 @@ TEST_CASE("look-up by process identifier: first match wins, case ignored, all 15
     CHECK(FindEntry(table.data(), table.size(), u"1014") == size_t{14});
     REQUIRE(WriteEntry(table.data(), table.size(), 6, std::vector<uint8_t>(kTableEntryBytes, 0)));
     CHECK(FirstFreeEntry(table.data(), table.size()) == size_t{6});
-    CHECK(PidText(4294967295u) == u"4294967295");
     CHECK(ToNarrowForLog(u"12\u00e9\x01") == "12??");
 }
 
@@ -163,33 +150,22 @@ TEST_CASE("the system directory exchange under WOW64, in both directions")
     // Every occurrence, left to right, whole directory names only.
     CHECK(ReplaceAll(u"\\system32\\a\\system32\\b", u"\\system32\\", u"\\syswow64\\") == u"\\syswow64\\a\\syswow64\\b");
     CHECK(ReplaceAll(u"C:\\system32x\\a", u"\\system32\\", u"\\syswow64\\") == u"C:\\system32x\\a");
-    CHECK(ReplaceAll(u"\\system32\\system32\\", u"\\system32\\", u"-") == u"-system32\\");
-    CHECK(ReplaceAll(u"abc", u"", u"x") == u"abc");
 }
 
 TEST_CASE("random tables: look-ups stay inside the mapping and never match a foreign identifier")
 {
     std::mt19937 random(20240611);
-    std::uniform_int_distribution<int> byte(0, 255);
     for (int round = 0; round < 200; ++round) {
-        // Sizes around the real one, smaller ones included, as a hostile creator could make.
-        const size_t size = round % 3 == 0 ? kTableBytes : static_cast<size_t>(random() % (kTableBytes + 64));
-        std::vector<uint8_t> table(size);
+        // Sizes around the real one, smaller ones included, as a hostile creator could make;
+        // dense garbage, or mostly zeros with small units.
+        std::vector<uint8_t> table(round % 3 == 0 ? kTableBytes : random() % (kTableBytes + 64));
         for (auto& b : table)
-            b = static_cast<uint8_t>(round % 2 ? byte(random) : (byte(random) < 32 ? byte(random) : 0));
+            b = static_cast<uint8_t>(round % 2 ? random() : (random() % 8 == 0 ? random() % 32 : 0));
         const auto found = FindEntry(table.data(), table.size(), u"4294967295");
-        if (found) {
-            // Only possible if the garbage spells exactly that identifier.
-            const auto entry = ReadEntry(table.data(), table.size(), *found);
-            REQUIRE(entry);
-            CHECK(EqualsNoCase(entry->pid, u"4294967295"));
-        }
-        for (size_t i = 0; i < kTableEntryCount; ++i) {
-            const auto entry = ReadEntry(table.data(), table.size(), i);
-            if (entry) {
-                CHECK(entry->pid.size() <= kPidFieldUnits);
-                CHECK(entry->path.size() <= kPathFieldUnits);
-            }
-        }
+        if (found)  // only possible if the garbage spells exactly that identifier
+            CHECK(EqualsNoCase(ReadEntry(table.data(), table.size(), *found)->pid, u"4294967295"));
+        for (size_t i = 0; i < kTableEntryCount; ++i)
+            if (const auto entry = ReadEntry(table.data(), table.size(), i))
+                CHECK((entry->pid.size() <= kPidFieldUnits && entry->path.size() <= kPathFieldUnits));
     }
 }

@@ -49,8 +49,7 @@ void CheckRegistered()
     CHECK(ReadValue(cls + L"\\VersionIndependentProgID") == L"TarnSM.TarnSM");
     CHECK(KeyExists(cls + L"\\Programmable"));
     const std::wstring server = ReadValue(cls + L"\\InprocServer32");
-    CHECK(server.size() > 11);
-    CHECK(server.substr(server.size() - 11) == L"TarnSMX.dll");
+    CHECK((server.size() > 11 && server.substr(server.size() - 11) == L"TarnSMX.dll"));
     CHECK(ReadValue(cls + L"\\InprocServer32", L"ThreadingModel") == L"Apartment");
     CHECK(ReadValue(cls + L"\\TypeLib") == L"{940A9063-F717-4AA7-949A-2E886F0D6F53}");
     CHECK(ReadValue(std::wstring(kTypeLibKey) + L"\\1.0") == L"TarnSM 1.0 Type Library");
@@ -65,13 +64,10 @@ TEST_CASE("regsvr32 writes every key, /u removes every key, and registering twic
 {
     REQUIRE(RegSvr32(false) == 0);
     CheckRegistered();
-
     REQUIRE(RegSvr32(true) == 0);
-    CHECK_FALSE(KeyExists(kClassKey));
-    CHECK_FALSE(KeyExists(L"TarnSM.TarnSM.1"));
-    CHECK_FALSE(KeyExists(L"TarnSM.TarnSM"));
-    CHECK_FALSE(KeyExists(kTypeLibKey));
-    CHECK_FALSE(KeyExists(L"AppID\\{B96603AC-39C0-4E74-A121-889B2C8B41C5}"));
+    for (const wchar_t* key : {kClassKey, L"TarnSM.TarnSM.1", L"TarnSM.TarnSM", kTypeLibKey,
+                               L"AppID\\{B96603AC-39C0-4E74-A121-889B2C8B41C5}"})
+        CHECK_FALSE(KeyExists(key));
 
     REQUIRE(RegSvr32(false) == 0);
     REQUIRE(RegSvr32(false) == 0);

@@ -23,56 +23,49 @@ const char kScript[] = "host.Echo('available=' + TarnSM.IsCurrentSiteAvailable()
 
 TEST_CASE("site discovery table: URL, zone source and site mode -> available, local, and the record that says why")
 {
-    struct Row {
-        const char* what;
-        std::wstring url;                  // empty: no page, the control is not sited
-        std::vector<std::wstring> options;
-        std::string mapHost, mapScheme;    // a zone map entry for the row, if any
-        DWORD mapZone;
-        const char* answers;
-        std::vector<std::string> records;  // each must be there (by prefix)
-    };
+    // {what, url (empty: no page, the control is not sited), tarnhost options, a zone map entry
+    // for http on mapHost, if any -> answers, records that must be there (by prefix)}
+    struct Row { const char* what; std::wstring url; std::vector<std::wstring> options; std::string mapHost; DWORD mapZone; const char* answers; std::vector<std::string> records; };
     const std::wstring www = L"http://www.tarn-sd.example/page.html";
     const std::vector<Row> rows = {
-        {"intranet through the zone map", L"http://z1.tarn-sd.example/p.html", {}, "z1.tarn-sd.example", "http", 1,
+        {"intranet through the zone map", L"http://z1.tarn-sd.example/p.html", {}, "z1.tarn-sd.example", 1,
          "available=true\nlocal=false\n",
          {"IsCurrentSiteLocalInternal: Found current site's security zone: 1.", kCoCreate}},
-        {"restricted through the zone map", L"http://z4.tarn-sd.example/p.html", {}, "z4.tarn-sd.example", "http", 4,
+        {"restricted through the zone map", L"http://z4.tarn-sd.example/p.html", {}, "z4.tarn-sd.example", 4,
          "available=true\nlocal=false\n", {"IsCurrentSiteLocalInternal: Found current site's security zone: 4."}},
-        {"an https page with only an http mapping", L"https://s.tarn-sd.example/p.html", {}, "s.tarn-sd.example",
-         "http", 2, "available=true\nlocal=false\n",
+        {"an https page with only an http mapping", L"https://s.tarn-sd.example/p.html", {}, "s.tarn-sd.example", 2, "available=true\nlocal=false\n",
          {"IsCurrentSiteLocalInternal: Found current site's security zone: 3."}},
-        {"unmapped http", L"http://unmapped.tarn-sd.example/dir/page.html?x=1", {}, "", "", 0,
+        {"unmapped http", L"http://unmapped.tarn-sd.example/dir/page.html?x=1", {}, "", 0,
          "available=true\nlocal=false\n",
          {"GetCurrentSiteURLAndZone: Found current IE site URL: http://unmapped.tarn-sd.example/dir/page.html?x=1.",
           "IsCurrentSiteAvailableInternal: Found current site: http://unmapped.tarn-sd.example/dir/page.html?x=1.",
           "IsCurrentSiteLocalInternal: Found current site's security zone: 3."}},
-        {"a file page", L"file:///C:/pages/page.html", {}, "", "", 0, "available=true\nlocal=true\n",
+        {"a file page", L"file:///C:/pages/page.html", {}, "", 0, "available=true\nlocal=true\n",
          {"IsCurrentSiteLocalInternal: Found current site's security zone: 0."}},
-        {"the page's manager says 0", www, {L"--zone", L"www.tarn-sd.example=0"}, "", "", 0,
+        {"the page's manager says 0", www, {L"--zone", L"www.tarn-sd.example=0"}, "", 0,
          "available=true\nlocal=true\n", {"IsCurrentSiteLocalInternal: Found current site's security zone: 0."}},
-        {"the page's manager says 2", www, {L"--zone", L"www.tarn-sd.example=2"}, "", "", 0,
+        {"the page's manager says 2", www, {L"--zone", L"www.tarn-sd.example=2"}, "", 0,
          "available=true\nlocal=false\n", {"IsCurrentSiteLocalInternal: Found current site's security zone: 2."}},
         {"the page's manager does not know the host", L"file:///C:/pages/page.html",
-         {L"--zone", L"other.tarn-sd.example=0"}, "", "", 0, "available=true\nlocal=false\n",
+         {L"--zone", L"other.tarn-sd.example=0"}, "", 0, "available=true\nlocal=false\n",
          {"IsCurrentSiteLocalInternal: Found current site's security zone: 3."}},
-        {"no security manager on the page", L"file:///C:/pages/page.html", {L"--no-secmgr"}, "", "", 0,
+        {"no security manager on the page", L"file:///C:/pages/page.html", {L"--no-secmgr"}, "", 0,
          "available=true\nlocal=true\n", {kCoCreate}},
-        {"unsited", L"", {}, "", "", 0, "available=false\nlocal=false\n",
+        {"unsited", L"", {}, "", 0, "available=false\nlocal=false\n",
          {kNoProvider, "IsCurrentSiteAvailableInternal: Failed to get current site URL.",
           "IsCurrentSiteLocalInternal: Failed to get current site URL and zone."}},
-        {"no service provider", www, {L"--site-mode", L"no-service-provider"}, "", "", 0,
+        {"no service provider", www, {L"--site-mode", L"no-service-provider"}, "", 0,
          "available=false\nlocal=false\n", {kNoProvider}},
-        {"no browser service", www, {L"--site-mode", L"no-browser"}, "", "", 0, "available=false\nlocal=false\n",
+        {"no browser service", www, {L"--site-mode", L"no-browser"}, "", 0, "available=false\nlocal=false\n",
          {"GetCurrentSiteURLAndZone: Failed retrieve IWebBrowser2 from container. HRESULT = <0x80004002>"}},
-        {"the browser's location fails", www, {L"--site-mode", L"location-fails"}, "", "", 0,
+        {"the browser's location fails", www, {L"--site-mode", L"location-fails"}, "", 0,
          "available=false\nlocal=false\n",
          {"GetCurrentSiteURLAndZone: Failed get location URL from IWebBrowser2. HRESULT = <0x80004005>"}},
         {"longer than the 2086-character parse buffers",
-         L"http://long.tarn-sd.example/" + std::wstring(3000, L'p') + L"/page.html", {}, "", "", 0,
+         L"http://long.tarn-sd.example/" + std::wstring(3000, L'p') + L"/page.html", {}, "", 0,
          "available=true\nlocal=false\n", {"IsCurrentSiteLocalInternal: Found current site's security zone: 3."}},
         {"characters outside the ANSI code page: a page that is there but never local",
-         L"http://www.tarn-sd.example/\u4e2d\u6587/page.html", {}, "", "", 0, "available=true\nlocal=false\n",
+         L"http://www.tarn-sd.example/\u4e2d\u6587/page.html", {}, "", 0, "available=true\nlocal=false\n",
          {"IsCurrentSiteAvailableInternal: Current site is present, but its URL or security zone cannot be read."}},
     };
     PageHost pages;
@@ -81,7 +74,7 @@ TEST_CASE("site discovery table: URL, zone source and site mode -> available, lo
         std::unique_ptr<ScopedRegistryKey> mapping;
         if (!row.mapHost.empty()) {
             mapping.reset(new ScopedRegistryKey(HKEY_CURRENT_USER, kZoneMap + row.mapHost));
-            REQUIRE(mapping->SetDword(row.mapScheme, row.mapZone));
+            REQUIRE(mapping->SetDword("http", row.mapZone));
         }
         std::vector<std::wstring> options = row.options;
         if (!row.url.empty())

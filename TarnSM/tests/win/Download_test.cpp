@@ -1,18 +1,41 @@
 // DownloadFile and GetHttpStatusCode against the local web server, and the connect time-out
 // configuration as the download reads it from the registry.
-#include "DownloadWeb.h"
 #include "LogCapture.h"
 #include "Registry.h"
+#include "Scratch.h"
+#include "TestServer.h"
 
 #include "TarnSM/win/TrustDataDownload.h"
 #include "TarnSM/win/VendorId.h"
 
 #include <doctest.h>
 
-using namespace DownloadTest;
 using namespace TarnTest;
 
 namespace {
+
+// Every byte value, in an order that no off-by-one copy reproduces by accident.
+std::string PatternBytes(size_t size, unsigned state)
+{
+    std::string bytes(size, '\0');
+    for (auto& b : bytes)
+        b = static_cast<char>(((state = state * 1103515245u + 12345u) >> 16) & 0xFF);
+    return bytes;
+}
+
+const std::string kTrustDll = PatternBytes(5000, 1);
+const std::string kThreeBuffers = PatternBytes(3 * 1024, 2);
+
+// Files of known bytes in a scratch folder, served by the local web server.
+TestServer& Web()
+{
+    static TempDir root{L"www"};
+    static const bool put = root.Put(L"dir\\trust.dll", kTrustDll) &&
+                            root.Put(L"dir\\three-buffers.bin", kThreeBuffers) && root.Put(L"dir\\empty.bin", "");
+    static TestServer server(UnixPathOf(root.Path()));
+    REQUIRE((put && server.Running()));
+    return server;
+}
 
 std::string StatusRecord(unsigned status)
 {
@@ -36,6 +59,8 @@ struct ScopedVendorId {
     std::string previous;
 };
 
+std::string Url(const std::string& path) { return Web().Url(path); }
+
 std::string Refused()
 {
     return "http://127.0.0.1:" + std::to_string(UnusedLocalPort()) + "/trust.dll";
@@ -45,40 +70,30 @@ std::string Refused()
 
 TEST_CASE("DownloadFile table: a 200 body is written whole over the target; anything else fails before touching it")
 {
-    REQUIRE(Web::Instance().Running());
     const std::string connectFailed = "DownloadFile: Failure calling InternetOpenUrl. GetLastError: ";
     const std::string createFailed = "DownloadFile: Failed to create our temporary file to receive the download data. GetLastError: ";
     const std::string longPath = "/dir/" + std::string(3000, 'a') + ".dll";
-    struct Row {
-        std::string url;
-        const char* target;     // below the scratch folder
-        bool result;
-        std::string body;       // what the target holds afterwards ("-" for no file)
-        std::string failure;    // the one failure record, by prefix ("" for none)
-    };
-    const std::vector<Row> rows = {
-        {Web::Instance().Url("/dir/trust.dll"), "stale.tmp", true, kTrustDll, ""},
-        {Web::Instance().Url("/dir/three-buffers.bin"), "t.tmp", true, kThreeBuffers, ""},
-        {Web::Instance().Url("/dir/three-buffers.bin?slow=40"), "t.tmp", true, kThreeBuffers, ""},
-        {Web::Instance().Url("/dir/empty.bin"), "stale.tmp", true, "", ""},
+    // {url, target below the scratch folder -> result, what the target holds afterwards ("-"
+    // for no file), the one failure record by prefix ("" for none)}
+    struct Row { std::string url; const char* target; bool result; std::string body, failure; };
+    std::vector<Row> rows = {
+        {Url("/dir/trust.dll"), "stale.tmp", true, kTrustDll, ""},
+        {Url("/dir/three-buffers.bin"), "t.tmp", true, kThreeBuffers, ""},
+        {Url("/dir/empty.bin"), "stale.tmp", true, "", ""},
         // The platform reports a closed connection as the end of the data: the partial file is
         // left for the signature check to reject.
-        {Web::Instance().Url("/dir/trust.dll?truncate=1500"), "t.tmp", true, kTrustDll.substr(0, 1500), ""},
-        {Web::Instance().Url("/dir/missing.dll"), "t.tmp", false, "-", StatusRecord(404)},
-        {Web::Instance().Url("/dir/trust.dll?status=304"), "t.tmp", false, "-", StatusRecord(304)},
-        {Web::Instance().Url("/dir/trust.dll?status=206"), "t.tmp", false, "-", StatusRecord(206)},
-        {Web::Instance().Url("/dir/trust.dll?status=500"), "t.tmp", false, "-", StatusRecord(500)},
-        {Web::Instance().Url("/dir/trust.dll?status=201"), "t.tmp", false, "-", StatusRecord(201)},
-        {Web::Instance().Url(longPath), "t.tmp", false, "-", StatusRecord(404)},  // reaches the server whole
-        {Web::Instance().Url("/dir/trust.dll?close=1"), "t.tmp", false, "-", "DownloadFile: "},
+        {Url("/dir/trust.dll?truncate=1500"), "t.tmp", true, kTrustDll.substr(0, 1500), ""},
+        {Url("/dir/missing.dll"), "t.tmp", false, "-", StatusRecord(404)},
+        {Url(longPath), "t.tmp", false, "-", StatusRecord(404)},  // reaches the server whole
+        {Url("/dir/trust.dll?close=1"), "t.tmp", false, "-", "DownloadFile: "},
         {Refused(), "t.tmp", false, "-", connectFailed + "12029."},
-        {Web::Instance().Url("/dir/trust.dll"), "no-such-folder\\t.tmp", false, "-", createFailed + "3."},
-        {Web::Instance().Url("/dir/trust.dll"), "locked.tmp", false, "keep", createFailed + "32."},
-        {"file:///C:/windows/win.ini", "t.tmp", false, "-", "DownloadFile: F"},
-        {"", "t.tmp", false, "-", "DownloadFile: F"},
-        {"trust.dll", "t.tmp", false, "-", "DownloadFile: F"},
-        {"tarn://127.0.0.1/trust.dll", "t.tmp", false, "-", "DownloadFile: F"},
+        {Url("/dir/trust.dll"), "no-such-folder\\t.tmp", false, "-", createFailed + "3."},
+        {Url("/dir/trust.dll"), "locked.tmp", false, "keep", createFailed + "32."},
     };
+    for (unsigned status : {304u, 206u, 500u, 201u})
+        rows.push_back({Url("/dir/trust.dll?status=" + std::to_string(status)), "t.tmp", false, "-", StatusRecord(status)});
+    for (const char* odd : {"file:///C:/windows/win.ini", "", "trust.dll", "tarn://127.0.0.1/trust.dll"})
+        rows.push_back({odd, "t.tmp", false, "-", "DownloadFile: F"});
     for (const Row& row : rows) {
         CAPTURE(row.url.substr(0, 120));
         TempDir dir(L"dl");
@@ -94,10 +109,8 @@ TEST_CASE("DownloadFile table: a 200 body is written whole over the target; anyt
         CHECK(TarnSMX::DownloadFile(row.url, Narrow(target)) == row.result);
         CHECK(::GetTickCount64() - start < 5000);
         holder.Reset();
-        std::string got = "-";
-        if (!ReadBytes(target, got))
-            got = "-";
-        CHECK(got == row.body);
+        std::string got;
+        CHECK((ReadBytes(target, got) ? got : "-") == row.body);
         const auto failures = Failures(capture);
         if (row.failure.empty()) {
             CHECK(failures.empty());
@@ -107,24 +120,23 @@ TEST_CASE("DownloadFile table: a 200 body is written whole over the target; anyt
             CHECK(failures.back().compare(0, row.failure.size(), row.failure) == 0);
         }
     }
-    CHECK(Web::Instance().Count(longPath) == 1);
+    CHECK(Web().RequestCount(longPath) == 1);
 }
 
 TEST_CASE("GetHttpStatusCode reads a request's status and answers 999 for other handles")
 {
-    REQUIRE(Web::Instance().Running());
     LogCapture capture;
-    DWORD status = 0;
-    CHECK_FALSE(TarnSMX::GetHttpStatusCode(status, nullptr));
-    CHECK(status == 999);
+    TarnBase::UniqueInternetHandle session(::InternetOpenA("TarnSM", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
+    for (HINTERNET handle : {HINTERNET(nullptr), session.Get()}) {
+        DWORD status = 0;
+        CHECK_FALSE(TarnSMX::GetHttpStatusCode(status, handle));
+        CHECK(status == 999);
+    }
     CHECK(capture.HasSubstring("GetHttpStatusCode: Failed to call HttpQueryInfo, GetLastError: "));
     CHECK_FALSE(capture.Has("GetHttpStatusCode: Failed to call HttpQueryInfo, GetLastError: 0."));
-    TarnBase::UniqueInternetHandle session(::InternetOpenA("TarnSM", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
-    status = 0;
-    CHECK_FALSE(TarnSMX::GetHttpStatusCode(status, session.Get()));
-    CHECK(status == 999);
+    DWORD status = 0;
     TarnBase::UniqueInternetHandle request(::InternetOpenUrlA(
-        session.Get(), Web::Instance().Url("/dir/trust.dll?status=206").c_str(), nullptr, 0, 0xA00, 0));
+        session.Get(), Url("/dir/trust.dll?status=206").c_str(), nullptr, 0, 0xA00, 0));
     CHECK(TarnSMX::GetHttpStatusCode(status, request.Get()));
     CHECK(status == 206);
 }
@@ -134,12 +146,7 @@ TEST_CASE("time-out table: the machine value as a REG_DWORD only; a configured v
     const std::string base = "Software\\Ostrum\\Kestrel\\Config\\TarnSM";
     const std::string vendor = "TarnDownloadTestVendor";
     enum VendorSetup { NoVendor, VendorKeyOnly, VendorTimeout, VendorTimeoutKeyOnly, TimeoutWithoutVendor };
-    struct Row {
-        DWORD type;  // of the machine value; REG_NONE: no value
-        std::string bytes;
-        VendorSetup setup;
-        unsigned expected;
-    };
+    struct Row { DWORD type; std::string bytes; VendorSetup setup; unsigned expected; };  // REG_NONE: no machine value
     auto dword = [](DWORD v) { return std::string(reinterpret_cast<const char*>(&v), 4); };
     const Row rows[] = {
         {REG_NONE, "", NoVendor, 10000},

@@ -1,6 +1,7 @@
 // The downloaded data file as the site check handles it: held so that nobody can swap it
 // between the signature check and the read, and read even when its optional signer list
 // cannot be narrowed.
+#include "Scratch.h"
 #include "TarnSM/TrustDataModule.h"
 #include "TarnSM/win/TempFile.h"
 #include "TarnSM/win/TrustDataFile.h"
@@ -8,28 +9,12 @@
 
 #include <doctest.h>
 
-#include <windows.h>
-
-namespace {
-
-// A new temporary file holding `bytes`; false when it cannot be written.
-bool WriteTempFile(const std::wstring& path, const std::vector<uint8_t>& bytes)
-{
-    TarnBase::UniqueFile file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
-    DWORD written = 0;
-    return file && ::WriteFile(file.Get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) &&
-           written == bytes.size();
-}
-
-} // namespace
-
 TEST_CASE("a held data file can be read but not written, replaced, renamed or deleted")
 {
     // String 103 holds U+0080, which the ANSI code page cannot hold exactly.
-    const std::vector<uint8_t> module =
-        TarnSMX::BuildTrustDataModule({{102, "+example.com"}, {103, "SiteSigner\n\x80Signer"}});
+    const auto module = TarnSMX::BuildTrustDataModule({{102, "+example.com"}, {103, "SiteSigner\n\x80Signer"}});
     const std::wstring path = TarnSMX::CreateUniqueTempFile(L"PTI");
-    REQUIRE(WriteTempFile(path, module));
+    REQUIRE(TarnTest::WriteBytes(path, std::string(module.begin(), module.end())));
     const std::wstring moved = path + L".moved";
     {
         TarnBase::UniqueFile held = TarnSMX::HoldForReading(path);
@@ -40,7 +25,7 @@ TEST_CASE("a held data file can be read but not written, replaced, renamed or de
         CHECK_FALSE(writer);
         CHECK_FALSE(::DeleteFileW(path.c_str()));
         CHECK_FALSE(::MoveFileExW(path.c_str(), moved.c_str(), MOVEFILE_REPLACE_EXISTING));
-        CHECK_FALSE(WriteTempFile(path, {}));
+        CHECK_FALSE(TarnTest::WriteBytes(path, ""));
 
         // What the check and the read open meanwhile.
         TarnBase::UniqueFile reader(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,

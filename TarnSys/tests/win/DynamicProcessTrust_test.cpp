@@ -5,12 +5,12 @@
 #include "TarnBase/Exceptions.h"
 #include "TarnBase/KernelObjectName.h"
 #include "TarnSys/TrustTable.h"
-#include "TarnUtils/win/CryptoUtils.h"
 
 #include "LogCapture.h"
 
 #include <doctest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 #include <vector>
@@ -35,14 +35,6 @@ struct Cleanup {
     }
 };
 
-std::wstring StoredForm(const std::wstring& path)
-{
-    TarnUtils::CryptoUtils crypto;
-    std::wstring text = path;
-    REQUIRE(crypto.EncryptString(text));
-    return text.substr(0, text.find(L'\0'));
-}
-
 // Direct access to the mapping, as any other local process has it.
 struct RawTable {
     TarnBase::UniqueHandle mapping;
@@ -61,85 +53,56 @@ struct RawTable {
 
 } // namespace
 
-TEST_CASE("the first holder creates the zeroed table; a second one opens it and sees its entries")
+TEST_CASE("the first holder creates the table, a second opens it; a grant is found, trusted and cleared for its own pid and path only")
 {
     Cleanup cleanup{{kPid}};
     TarnTest::LogCapture log;
     DynamicProcessTrust first;
     REQUIRE(first.Initialize());
-    CHECK(first.Initialize());  // once per object
     // The program runs alone (SERIAL) and every object of an earlier case is gone: this one creates.
     REQUIRE(first.CreatedTable());
     CHECK(first.ListProcesses().empty());
-    REQUIRE(first.GrantProcess(kPid, kPath) == GrantResult::Granted);
-    DynamicProcessTrust second;
-    REQUIRE(second.Initialize());
-    CHECK_FALSE(second.CreatedTable());
-    CHECK(second.IsTrustedProcess(kPid, kPath));
-    TarnTest::ExpectInOrder(log, {{"", 3, "InitMemoryMap():  Successfully created shared memory with size = 38524."},
-                                  {"", 3, "InitMemoryMap():  Successfully opened shared memory with size = 38524."}});
+    uint32_t index = 99;
+    REQUIRE(first.GrantProcess(kPid, kPath, &index) == GrantResult::Granted);
+    DynamicProcessTrust table;
+    REQUIRE(table.Initialize());
+    CHECK_FALSE(table.CreatedTable());
     // The names: a machine-wide mutex and a session-local mapping.
     CHECK(first.TableMutex().GetName() == "Global\\TarnSys::DynamicProcessTrust::Mutex::2.0");
     CHECK(RawTable().existed);
-}
-
-TEST_CASE("a grant is found, trusted and cleared, its entry zeroed; another path or pid gets nothing")
-{
-    Cleanup cleanup{{kPid}};
-    DynamicProcessTrust table;
-    uint32_t index = 99;
-    REQUIRE(table.GrantProcess(kPid, kPath, &index) == GrantResult::Granted);
-    TarnTest::LogCapture log;
-    const std::wstring other = L"C:\\Program Files\\Ostrum\\Other.exe";
-    CHECK_FALSE(table.IsTrustedProcess(kPid, other));
-    CHECK_FALSE(table.ClearTrustedProcess(kPid, other));
-    CHECK_FALSE(table.IsTrustedProcess(kOtherPid, kPath));
-    CHECK_FALSE(table.ClearTrustedProcess(kOtherPid, kPath));
-    {
-        TarnMT::AutoLockMutex lock(&table.TableMutex(), INFINITE);
-        uint32_t found = 99;
-        std::wstring stored;
-        REQUIRE(table.FindProcess(kPid, found, stored));
-        CHECK(found == index);
-        CHECK(stored == StoredForm(kPath));
+    // {pid, path -> trusted, cleared}, in order: the second object sees the first one's entry.
+    const struct { std::wstring pid, path; bool trusted; } rows[] = {
+        {kPid, L"C:\\Program Files\\Ostrum\\Other.exe", false}, {kOtherPid, kPath, false}, {kPid, kPath, true},
+        {kPid, kPath, false}};
+    for (const auto& row : rows) {
+        CHECK(table.IsTrustedProcess(row.pid, row.path) == row.trusted);
+        CHECK(table.ClearTrustedProcess(row.pid, row.path) == row.trusted);
     }
-    CHECK(table.IsTrustedProcess(kPid, kPath));
-    CHECK(table.ClearTrustedProcess(kPid, kPath));
-    CHECK_FALSE(table.IsTrustedProcess(kPid, kPath));
-    CHECK_FALSE(table.ClearTrustedProcess(kPid, kPath));
     TarnTest::ExpectInOrder(log, {
+        {"", 3, "InitMemoryMap():  Successfully created shared memory with size = 38524."},
+        {"", 3, "InitMemoryMap():  Successfully opened shared memory with size = 38524."},
         {"", 3, "IsTrustedProcess():  Process with PID = 3999999901 is not trusted."},
         {"", 1, "ClearTrustedProcess():  Found PID, but app paths do not match. Cannot clear process with PID = 3999999901."},
-        {"", 3, "FindProcess():  Successfully found process within list, PID = 3999999901."},
         {"", 3, "IsTrustedProcess():  Process with PID = 3999999901 is trusted."},
         {"", 3, "ClearTrustedProcess():  Successfully cleared process with PID = 3999999901."},
-        {"", 3, "FindProcess():  Failed to find specified process in list , PID = 3999999901."},
-        {"", 3, "IsTrustedProcess():  Specified process is not currently trusted, PID = 3999999901."},
         {"", 2, "ClearTrustedProcess():  Failed to find trusted process with PID = 3999999901. Cannot clear."},
     });
     RawTable raw;
     REQUIRE(raw.view);
-    for (size_t i = 0; i < kTableEntryBytes; ++i)
-        REQUIRE(raw.Bytes()[EntryOffset(index) + i] == 0);
-
+    CHECK(std::all_of(raw.Bytes() + EntryOffset(index), raw.Bytes() + EntryOffset(index) + kTableEntryBytes,
+                      [](uint8_t b) { return b == 0; }));
     // Paths that differ only in letter case are trusted and cleared.
     REQUIRE(table.GrantProcess(kPid, L"z:\\tmp\\Host\\MSHTA.EXE") == GrantResult::Granted);
     CHECK(table.IsTrustedProcess(kPid, L"Z:\\TMP\\host\\mshta.exe"));
     CHECK(table.ClearTrustedProcess(kPid, L"Z:\\TMP\\host\\mshta.exe"));
-}
-
-TEST_CASE("identifier length: 256 characters are searched, 257 refused")
-{
-    DynamicProcessTrust table;
-    REQUIRE(table.Initialize());
+    // Identifiers: 256 characters are searched, 257 refused.
     TarnMT::AutoLockMutex lock(&table.TableMutex(), INFINITE);
-    TarnTest::LogCapture log;
-    uint32_t index = 7;
+    log.Clear();
+    uint32_t found = 7;
     std::wstring path = L"left over";
-    CHECK_FALSE(table.FindProcess(std::wstring(256, L'9'), index, path));
-    CHECK(index == 0);
-    CHECK(path.empty());
-    CHECK_FALSE(table.FindProcess(std::wstring(257, L'9'), index, path));
+    CHECK_FALSE(table.FindProcess(std::wstring(256, L'9'), found, path));
+    CHECK((found == 0 && path.empty()));
+    CHECK_FALSE(table.FindProcess(std::wstring(257, L'9'), found, path));
     TarnTest::Expect(log, {{"", 3, "FindProcess():  Failed to find specified process in list , PID = 9999..."},
                            {"", 2, "FindProcess():  PID parameter string is too long. Invalid arg. Cannot find process."}});
 }
@@ -156,9 +119,8 @@ TEST_CASE("a full table refuses a sixteenth grant; a grant for a listed pid repl
     };
     for (const auto& row : refusals)
         CHECK(table.GrantProcess(row.pid, row.path) == row.result);
-    CHECK(table.RevokeProcess(L"") == 0);
-    CHECK(table.RevokeProcess(std::wstring(L"\0", 1)) == 0);
-    CHECK(table.RevokeProcess(kPid) == 0);
+    for (const std::wstring& pid : {std::wstring(), std::wstring(L"\0", 1), kPid})
+        CHECK(table.RevokeProcess(pid) == 0);
 
     for (size_t i = table.ListProcesses().size(); i < kTableEntryCount; ++i) {
         cleanup.pids.push_back(std::to_wstring(3999999910ul + i));
@@ -170,24 +132,44 @@ TEST_CASE("a full table refuses a sixteenth grant; a grant for a listed pid repl
     CHECK(table.IsTrustedProcess(cleanup.pids.back(), L"C:\\other.exe"));
 }
 
-TEST_CASE("threads racing for one grant: exactly one clears it")
+// A grant is honoured at most once: found and removed under one hold of the table's mutex,
+// and not honoured at all when it could not be removed.
+TEST_CASE("threads racing for one grant: exactly one clears or consumes it; none while the table is held elsewhere")
 {
     Cleanup cleanup{{kPid}};
-    DynamicProcessTrust writer;
+    DynamicProcessTrust writer;  // keeps the table alive for the whole case
+    for (const bool consume : {false, true}) {
+        CAPTURE(consume);
+        REQUIRE(writer.GrantProcess(kPid, kPath) == GrantResult::Granted);
+        std::atomic<int> won{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 6; ++t)
+            threads.emplace_back([&] {
+                DynamicProcessTrust table;
+                table.Initialize();
+                won += (consume ? table.ConsumeTrustedProcess(kPid, kPath)
+                                : table.IsTrustedProcess(kPid, kPath) && table.ClearTrustedProcess(kPid, kPath));
+            });
+        for (auto& t : threads)
+            t.join();
+        CHECK(won == 1);
+        CHECK_FALSE(writer.IsTrustedProcess(kPid, kPath));
+    }
     REQUIRE(writer.GrantProcess(kPid, kPath) == GrantResult::Granted);
-    std::atomic<int> cleared{0}, trusted{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 6; ++t)
-        threads.emplace_back([&] {
-            DynamicProcessTrust table;
-            trusted += table.IsTrustedProcess(kPid, kPath) ? 1 : 0;
-            cleared += table.ClearTrustedProcess(kPid, kPath) ? 1 : 0;
-        });
-    for (auto& t : threads)
-        t.join();
-    CHECK(cleared == 1);
-    CHECK(trusted >= 1);
-    CHECK_FALSE(writer.IsTrustedProcess(kPid, kPath));
+    std::atomic<bool> held{false}, done{false};
+    std::thread holder([&] {
+        DynamicProcessTrust other;
+        other.TableMutex().Acquire(INFINITE);
+        for (held = true; !done;)
+            ::Sleep(5);
+        other.TableMutex().Release();
+    });
+    while (!held)
+        ::Sleep(5);
+    CHECK_FALSE(DynamicProcessTrust().ConsumeTrustedProcess(kPid, kPath));
+    done = true;
+    holder.join();
+    CHECK(writer.IsTrustedProcess(kPid, kPath));  // still there for a later question
 }
 
 TEST_CASE("a mapping of that name made too small by another process is refused")
@@ -220,12 +202,8 @@ TEST_CASE("an object whose mutex name is taken by another kind of object is inva
     CHECK_THROWS_AS(table.IsTrustedProcess(kPid, kPath), TarnBase::InvalidObjectException);
     CHECK_THROWS_AS(table.ClearTrustedProcess(kPid, kPath), TarnBase::InvalidObjectException);
     CHECK_THROWS_AS(table.FindProcess(kPid, index, path), TarnBase::InvalidObjectException);
-    const std::string thrown = "Throwing TarnBase::InvalidObjectException exception type. File: DynamicProcessTrust Line: ...";
-    TarnTest::ExpectInOrder(log, {
-        {"", 1, "DynamicProcessTrust():  Failed to construct properly."},
-        {"", 1, "Initialize(): Error - Object is invalid."}, {"", 0, thrown},
-        {"", 1, "IsTrustedProcess(): Error - Object is invalid."}, {"", 0, thrown},
-        {"", 1, "ClearTrustedProcess(): Error - Object is invalid."}, {"", 0, thrown},
-        {"", 1, "FindProcess(): Error - Object is invalid."}, {"", 0, thrown},
-    });
+    TarnTest::ExpectInOrder(log, {{"", 1, "DynamicProcessTrust():  Failed to construct properly."},
+                                  {"", 1, "Initialize(): Error - Object is invalid."},
+                                  {"", 0, "Throwing TarnBase::InvalidObjectException exception type. File: DynamicProcessTrust Line: ..."},
+                                  {"", 1, "FindProcess(): Error - Object is invalid."}});
 }
