@@ -24,8 +24,8 @@ bool StartsWithNoCase(const std::string& text, const char* prefix)
 
 [[noreturn]] void Refuse(int line)
 {
-    ::TarnLog::Log(kClass, 0, "Throwing %s exception type. File: %s Line: %d.",
-                   "TarnBase::KernelObjectNameInvalidException", kSource, line);
+    ::TarnBase::Log(kClass, 0, "Throwing %s exception type. File: %s Line: %d.",
+                    "TarnBase::KernelObjectNameInvalidException", kSource, line);
     throw KernelObjectNameInvalidException();
 }
 

@@ -3,11 +3,11 @@
 // and the throwing source, so a support engineer can follow a failure through the log.
 
 #include "TarnBase/Exceptions.h"
-#include "TarnLog/Log.h"
+#include "TarnBase/LogCall.h"
 
 #define TARN_THROW(className, sourceName, ExceptionType)                                       \
     do {                                                                                       \
-        ::TarnLog::Log(className, 0, "Throwing %s exception type. File: %s Line: %d.",         \
-                       #ExceptionType, sourceName, static_cast<int>(__LINE__));                \
+        ::TarnBase::Log(className, 0, "Throwing %s exception type. File: %s Line: %d.",        \
+                        #ExceptionType, sourceName, static_cast<int>(__LINE__));               \
         throw ExceptionType();                                                                 \
     } while (0)

@@ -23,4 +23,9 @@ void Log(const char* className, unsigned char level, const char* format, ...) no
     va_end(args);
 }
 
+// Every binary that links the log call routes the base layer's records through it.
+namespace {
+const bool g_sinkInstalled = (::TarnBase::SetLogSink(&LogV), true);
+} // namespace
+
 } // namespace TarnLog

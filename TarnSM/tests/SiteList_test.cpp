@@ -1,4 +1,5 @@
 #include "TarnSM/SiteList.h"
+#include "tools/tarntrust/SiteListLint.h"
 #include "TarnSM/SignerList.h"
 #include "LogCapture.h"
 

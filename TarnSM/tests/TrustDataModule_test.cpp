@@ -1,4 +1,4 @@
-#include "TarnSM/TrustDataModule.h"
+#include "tools/tarntrust/TrustDataModule.h"
 
 #include "TarnBase/Exceptions.h"
 

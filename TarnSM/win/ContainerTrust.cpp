@@ -7,7 +7,7 @@
 #include "TarnBase/win/Handle.h"
 #include "TarnMT/win/CriticalSection.h"
 #include "TarnSM/AltTrustList.h"
-#include "TarnSM/win/ContainerState.h"
+#include "TarnSM/ContainerNames.h"
 #include "TarnSM/win/ScriptBoundary.h"
 #include "TarnSM/win/VendorId.h"
 #include "TarnSys/win/DynamicProcessTrust.h"

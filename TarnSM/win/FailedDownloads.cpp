@@ -1,7 +1,7 @@
 #include "TarnSM/win/FailedDownloads.h"
 
 #include "TarnSM/win/ScriptBoundary.h"
-#include "TarnSM/win/TempFile.h"
+#include "TarnUtils/win/TempFile.h"
 
 #include <windows.h>
 
@@ -49,7 +49,7 @@ std::vector<KeptFile> KeptFiles(const std::wstring& folder, const wchar_t* prefi
 void PruneFailedDownloads(const wchar_t* prefix) noexcept
 {
     try {
-        std::wstring folder = TemporaryFolder();
+        std::wstring folder = TarnUtils::TemporaryFolder();
         if (!folder.empty() && folder.back() != L'\\')
             folder += L'\\';
         std::vector<KeptFile> files = KeptFiles(folder, prefix);

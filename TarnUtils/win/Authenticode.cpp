@@ -1,6 +1,7 @@
 #include "TarnUtils/win/Authenticode.h"
 
 #include "TarnBase/Throw.h"
+#include "TarnLog/Log.h"
 #include "TarnBase/win/Handle.h"
 #include "TarnUtils/X500Name.h"
 #include "TarnUtils/win/Path.h"

@@ -1,5 +1,5 @@
 // A downloaded trust data file is read by publisher tools straight from its bytes.
-#include "TarnSM/TrustDataModule.h"
+#include "tools/tarntrust/TrustDataModule.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -1,5 +1,5 @@
 // The system loader must accept what the builder writes, and agree with the portable reader.
-#include "TarnSM/TrustDataModule.h"
+#include "tools/tarntrust/TrustDataModule.h"
 
 #include <windows.h>
 
