@@ -1,8 +1,7 @@
 #include "TarnBase/KernelObjectName.h"
 
+#include "TarnBase/AsciiCase.h"
 #include "TarnBase/Throw.h"
-
-#include <cctype>
 
 namespace TarnBase {
 namespace {
@@ -16,7 +15,7 @@ bool StartsWithNoCase(const std::string& text, const char* prefix)
     for (; prefix[i] != '\0'; ++i) {
         if (i >= text.size())
             return false;
-        if (std::tolower(static_cast<unsigned char>(text[i])) != std::tolower(static_cast<unsigned char>(prefix[i])))
+        if (ToLowerAscii(text[i]) != ToLowerAscii(prefix[i]))
             return false;
     }
     return true;

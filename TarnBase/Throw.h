@@ -11,3 +11,13 @@
                         #ExceptionType, sourceName, static_cast<int>(__LINE__));               \
         throw ExceptionType();                                                                 \
     } while (0)
+
+// An object whose construction failed refuses every operation: one warning naming the
+// operation ("Initialize(): Error - Object is invalid."), then InvalidObjectException.
+#define TARN_REQUIRE_VALID(valid, className, sourceName, operation)                            \
+    do {                                                                                       \
+        if (!(valid)) {                                                                        \
+            ::TarnBase::Log(className, 1, "%s(): Error - Object is invalid.", operation);      \
+            TARN_THROW(className, sourceName, TarnBase::InvalidObjectException);               \
+        }                                                                                      \
+    } while (0)

@@ -1,5 +1,6 @@
 #include "TarnSM/SiteList.h"
 
+#include "TarnBase/AsciiCase.h"
 #include "TarnLog/Log.h"
 
 #include <new>
@@ -12,13 +13,11 @@ const char kClassName[] = "TarnSMX::TarnSM";
 
 bool IsLineEnd(char c) { return c == '\r' || c == '\n'; }
 
-char LowerAscii(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
-
 bool EqualsIgnoringCase(const std::string& text, const char* lowerWord)
 {
     size_t i = 0;
     for (; i < text.size() && lowerWord[i] != '\0'; ++i)
-        if (LowerAscii(text[i]) != lowerWord[i])
+        if (TarnBase::ToLowerAscii(text[i]) != lowerWord[i])
             return false;
     return i == text.size() && lowerWord[i] == '\0';
 }

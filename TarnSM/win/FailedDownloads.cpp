@@ -1,5 +1,6 @@
 #include "TarnSM/win/FailedDownloads.h"
 
+#include "TarnBase/win/Owners.h"
 #include "TarnSM/win/ScriptBoundary.h"
 #include "TarnUtils/win/TempFile.h"
 
@@ -32,15 +33,14 @@ std::vector<KeptFile> KeptFiles(const std::wstring& folder, const wchar_t* prefi
 {
     std::vector<KeptFile> files;
     WIN32_FIND_DATAW found{};
-    const HANDLE search = ::FindFirstFileW((folder + prefix + L"*.tmp").c_str(), &found);
-    if (search == INVALID_HANDLE_VALUE)
+    const TarnBase::UniqueFindHandle search(::FindFirstFileW((folder + prefix + L"*.tmp").c_str(), &found));
+    if (!search)
         return files;
     do {
         if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
             files.push_back({folder + found.cFileName, (static_cast<ULONGLONG>(found.ftLastWriteTime.dwHighDateTime) << 32) |
                                                            found.ftLastWriteTime.dwLowDateTime});
-    } while (::FindNextFileW(search, &found));
-    ::FindClose(search);
+    } while (::FindNextFileW(search.Get(), &found));
     return files;
 }
 

@@ -7,6 +7,7 @@
 #include <oleauto.h>
 #include <olectl.h>
 #include <windows.h>
+#include <wrl/client.h>
 
 #include <string>
 
@@ -72,11 +73,8 @@ HRESULT WriteRegistration()
         if (FAILED(hr))
             return hr;
 
-    ITypeLib* library = nullptr;
-    HRESULT hr = ::LoadTypeLibEx(module.c_str(), REGKIND_REGISTER, &library);
-    if (library != nullptr)
-        library->Release();
-    return hr;
+    Microsoft::WRL::ComPtr<ITypeLib> library;
+    return ::LoadTypeLibEx(module.c_str(), REGKIND_REGISTER, &library);
 }
 
 } // namespace

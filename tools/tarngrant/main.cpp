@@ -8,10 +8,11 @@
 #include "TarnBase/Exceptions.h"
 #include "TarnSys/TrustTable.h"
 #include "TarnSys/win/DynamicProcessTrust.h"
+#include "tools/tarngrant/TrustTableWriter.h"
 #include "TarnUtils/win/CryptoUtils.h"
+#include "tools/common/CommandLine.h"
 
 #include <windows.h>
-#include <shellapi.h>
 
 #include <cstdio>
 #include <optional>
@@ -152,7 +153,7 @@ std::wstring Decrypt(const std::wstring& stored)
 
 bool EntryStillGranted(TarnSys::DynamicProcessTrust& table, const std::wstring& pid, const std::wstring& stored)
 {
-    for (const auto& entry : table.ListProcesses())
+    for (const auto& entry : TarnGrant::ListProcesses(table))
         if (TarnSys::EqualsNoCase(ToU16(entry.pid), ToU16(pid)) && entry.storedPath == stored)
             return true;
     return false;
@@ -164,7 +165,7 @@ int HoldTable(TarnSys::DynamicProcessTrust& table, const TargetProcess& target, 
               DWORD holdSeconds)
 {
     std::wstring stored;
-    for (const auto& entry : table.ListProcesses())
+    for (const auto& entry : TarnGrant::ListProcesses(table))
         if (entry.pid == pid)
             stored = entry.storedPath;
     Out(L"holding the table open until process " + pid + L" uses the grant or ends (at most " +
@@ -180,13 +181,13 @@ int HoldTable(TarnSys::DynamicProcessTrust& table, const TargetProcess& target, 
                 Out(L"grant of process " + pid + L" used or revoked");
                 return ExitOk;
             }
-            table.RevokeProcess(pid);
+            TarnGrant::RevokeProcess(table, pid);
             return Refuse(L"process " + pid + L" ended without using the grant; revoked", ExitUnused);
         }
         if (target.Handle() == nullptr)
             ::Sleep(kHoldPollMs);
     }
-    table.RevokeProcess(pid);
+    TarnGrant::RevokeProcess(table, pid);
     return Refuse(L"the grant of process " + pid + L" was not used within " + std::to_wstring(holdSeconds) +
                       L" s; revoked",
                   ExitUnused);
@@ -234,21 +235,21 @@ int Grant(std::vector<std::wstring> args)
     if (!table.IsValid())
         return Refuse(L"cannot open the trusted-process table's mutex; nothing granted");
     uint32_t index = 0;
-    switch (table.GrantProcess(pid, path, &index)) {
-    case TarnSys::GrantResult::Granted:
-    case TarnSys::GrantResult::Replaced:
+    switch (TarnGrant::GrantProcess(table, pid, path, &index)) {
+    case TarnGrant::GrantResult::Granted:
+    case TarnGrant::GrantResult::Replaced:
         break;
-    case TarnSys::GrantResult::TableFull:
+    case TarnGrant::GrantResult::TableFull:
         return Refuse(L"the table is full (" + std::to_wstring(TarnSys::kTableEntryCount) +
                       L" entries in use); nothing granted");
-    case TarnSys::GrantResult::InvalidPid:
+    case TarnGrant::GrantResult::InvalidPid:
         return Refuse(L"'" + pid + L"' is not a process id", ExitUsage);
-    case TarnSys::GrantResult::PathTooLong:
+    case TarnGrant::GrantResult::PathTooLong:
         return Refuse(L"the path has " + std::to_wstring(path.size()) + L" characters; an entry holds at most " +
                       std::to_wstring(TarnSys::kMaxStoredPathUnits) + L"; nothing granted");
-    case TarnSys::GrantResult::PathNotStorable:
+    case TarnGrant::GrantResult::PathNotStorable:
         return Refuse(L"the encrypted form of this path holds a zero unit, so the entry could never match; nothing granted");
-    case TarnSys::GrantResult::Unavailable:
+    case TarnGrant::GrantResult::Unavailable:
         return Refuse(L"cannot create or open the trusted-process table; nothing granted");
     }
     Out(L"granted process " + pid + L" entry " + std::to_wstring(index) + L": " + Printable(path));
@@ -269,7 +270,7 @@ int Revoke(const std::vector<std::wstring>& args)
     TarnSys::DynamicProcessTrust table;
     if (!table.IsValid())
         return Refuse(L"cannot open the trusted-process table's mutex");
-    const size_t removed = table.RevokeProcess(pid);
+    const size_t removed = TarnGrant::RevokeProcess(table, pid);
     if (removed == 0)
         return Refuse(L"no grant for process " + pid);
     Out(L"revoked process " + pid + (removed > 1 ? L" (" + std::to_wstring(removed) + L" entries)" : L""));
@@ -283,7 +284,7 @@ int List(const std::vector<std::wstring>& args)
     TarnSys::DynamicProcessTrust table;
     if (!table.IsValid())
         return Refuse(L"cannot open the trusted-process table's mutex");
-    const auto entries = table.ListProcesses();
+    const auto entries = TarnGrant::ListProcesses(table);
     for (const auto& entry : entries)
         Out(std::to_wstring(entry.index) + L" " + Printable(entry.pid) + L" " + Printable(Decrypt(entry.storedPath)));
     Out(std::to_wstring(entries.size()) + L" of " + std::to_wstring(TarnSys::kTableEntryCount) + L" entries in use");
@@ -306,20 +307,9 @@ int Encrypt(const std::vector<std::wstring>& args)
     return ExitOk;
 }
 
-std::vector<std::wstring> CommandLineArguments()
-{
-    int count = 0;
-    wchar_t** argv = ::CommandLineToArgvW(::GetCommandLineW(), &count);
-    std::vector<std::wstring> args;
-    for (int i = 1; argv && i < count; ++i)
-        args.emplace_back(argv[i]);
-    ::LocalFree(argv);
-    return args;
-}
-
 int Run()
 {
-    std::vector<std::wstring> args = CommandLineArguments();
+    std::vector<std::wstring> args = TarnTools::CommandLineArguments();
     if (args.empty())
         return Refuse(std::wstring(L"no command\r\n") + kUsage, ExitUsage);
     const std::wstring command = args[0];

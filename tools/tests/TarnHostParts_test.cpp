@@ -52,7 +52,7 @@ std::wstring BstrText(BSTR text)
 
 // Records what a browser-like host does to a control, in order.
 class ProbeControl final
-    : public ComObject<IDispatch, IObjectSafety, IPersistPropertyBag, IObjectWithSite> {
+    : public TarnBase::ComObject<IDispatch, IObjectSafety, IPersistPropertyBag, IObjectWithSite> {
 public:
     DWORD supported = INTERFACESAFE_FOR_UNTRUSTED_CALLER | INTERFACESAFE_FOR_UNTRUSTED_DATA;
     HRESULT setSafetyResult = S_OK;
@@ -219,7 +219,7 @@ TEST_SUITE("tarnhost parts: property bag")
 {
     TEST_CASE("Read gives strings, ignores the case of names and refuses missing ones")
     {
-        auto bag = MakeCom<PropertyBag>();
+        auto bag = TarnBase::MakeCom<PropertyBag>();
         bag->Set(L"VendorID", L"acme");
         VARIANT value;
         ::VariantInit(&value);
@@ -239,7 +239,7 @@ TEST_SUITE("tarnhost parts: property bag")
 
     TEST_CASE("Read converts to a type the caller asks for")
     {
-        auto bag = MakeCom<PropertyBag>();
+        auto bag = TarnBase::MakeCom<PropertyBag>();
         bag->Set(L"Count", L"42");
         bag->Set(L"Name", L"forty-two");
         VARIANT value;
@@ -255,7 +255,7 @@ TEST_SUITE("tarnhost parts: property bag")
 
     TEST_CASE("Write stores text that reads back, replacing by name")
     {
-        auto bag = MakeCom<PropertyBag>();
+        auto bag = TarnBase::MakeCom<PropertyBag>();
         VARIANT value;
         ::VariantInit(&value);
         V_VT(&value) = VT_BSTR;
@@ -346,7 +346,7 @@ TEST_SUITE("tarnhost parts: the page's browser")
 
     TEST_CASE("zone answers: whole URL before host, Internet when unmapped")
     {
-        auto manager = MakeCom<SecurityManager>(std::vector<ZoneRule>{
+        auto manager = TarnBase::MakeCom<SecurityManager>(std::vector<ZoneRule>{
             {L"example.com", 2}, {L"http://example.com/local.html", 0}, {L"EXAMPLE.com", 4}});
         CHECK(manager->ZoneFor(L"http://example.com/local.html") == 0);
         CHECK(manager->ZoneFor(L"HTTP://EXAMPLE.COM/LOCAL.HTML") == 0);
@@ -363,8 +363,8 @@ TEST_SUITE("tarnhost parts: the page's browser")
 
     TEST_CASE("a normal site serves the browser with the page URL, and the security manager when given")
     {
-        auto manager = MakeCom<SecurityManager>(std::vector<ZoneRule>{{L"127.0.0.1", 0}});
-        auto site = MakeCom<BrowserSite>(SiteMode::Normal, L"http://127.0.0.1/page.html", manager);
+        auto manager = TarnBase::MakeCom<SecurityManager>(std::vector<ZoneRule>{{L"127.0.0.1", 0}});
+        auto site = TarnBase::MakeCom<BrowserSite>(SiteMode::Normal, L"http://127.0.0.1/page.html", manager);
         ComPtr<IServiceProvider> services;
         REQUIRE(SUCCEEDED(site.As(&services)));
 
@@ -390,13 +390,13 @@ TEST_SUITE("tarnhost parts: the page's browser")
 
     TEST_CASE("the failing site modes each fail at their own step")
     {
-        auto bare = MakeCom<BrowserSite>(SiteMode::NoServiceProvider, L"http://h/", nullptr);
+        auto bare = TarnBase::MakeCom<BrowserSite>(SiteMode::NoServiceProvider, L"http://h/", nullptr);
         ComPtr<IServiceProvider> services;
         CHECK(bare.As(&services) == E_NOINTERFACE);
         ComPtr<IUnknown> unknown;
         CHECK(bare.As(&unknown) == S_OK);
 
-        auto noBrowser = MakeCom<BrowserSite>(SiteMode::NoBrowser, L"http://h/", nullptr);
+        auto noBrowser = TarnBase::MakeCom<BrowserSite>(SiteMode::NoBrowser, L"http://h/", nullptr);
         ComPtr<IWebBrowser2> browser;
         CHECK(noBrowser->QueryService(SID_SWebBrowserApp, IID_IWebBrowser2,
                                       reinterpret_cast<void**>(browser.GetAddressOf())) == E_NOINTERFACE);
@@ -406,7 +406,7 @@ TEST_SUITE("tarnhost parts: the page's browser")
         CHECK(noBrowser->QueryService(IID_IInternetSecurityManager, IID_IInternetSecurityManager,
                                       reinterpret_cast<void**>(manager.GetAddressOf())) == E_NOINTERFACE);
 
-        auto failing = MakeCom<BrowserSite>(SiteMode::LocationFails, L"http://h/", nullptr);
+        auto failing = TarnBase::MakeCom<BrowserSite>(SiteMode::LocationFails, L"http://h/", nullptr);
         REQUIRE(failing->QueryService(SID_SWebBrowserApp, IID_IWebBrowser2,
                                       reinterpret_cast<void**>(browser.GetAddressOf())) == S_OK);
         BSTR url = reinterpret_cast<BSTR>(1);
@@ -416,10 +416,10 @@ TEST_SUITE("tarnhost parts: the page's browser")
 
     TEST_CASE("the script engine reaches the page's services only when the page has them")
     {
-        auto site = MakeCom<BrowserSite>(SiteMode::Normal, L"http://h/p.html", nullptr);
+        auto site = TarnBase::MakeCom<BrowserSite>(SiteMode::Normal, L"http://h/p.html", nullptr);
         ComPtr<IServiceProvider> services;
         REQUIRE(SUCCEEDED(site.As(&services)));
-        auto withPage = MakeCom<ScriptHost>(Language::JScript, services);
+        auto withPage = TarnBase::MakeCom<ScriptHost>(Language::JScript, services);
         ComPtr<IServiceProvider> forwarded;
         REQUIRE(withPage.As(&forwarded) == S_OK);
         ComPtr<IWebBrowser2> browser;
@@ -429,7 +429,7 @@ TEST_SUITE("tarnhost parts: the page's browser")
         browser->get_LocationURL(&url);
         CHECK(BstrText(url) == L"http://h/p.html");
 
-        auto alone = MakeCom<ScriptHost>(Language::JScript, nullptr);
+        auto alone = TarnBase::MakeCom<ScriptHost>(Language::JScript, nullptr);
         CHECK(alone.As(&forwarded) == E_NOINTERFACE);
     }
 }
@@ -438,10 +438,10 @@ TEST_SUITE("tarnhost parts: bringing a control onto the page")
 {
     TEST_CASE("safety first, then the page's parameters, then the site")
     {
-        auto control = MakeCom<ProbeControl>();
-        auto bag = MakeCom<PropertyBag>();
+        auto control = TarnBase::MakeCom<ProbeControl>();
+        auto bag = TarnBase::MakeCom<PropertyBag>();
         bag->Set(L"VendorID", L"acme");
-        auto site = MakeCom<BrowserSite>(SiteMode::Normal, L"http://h/", nullptr);
+        auto site = TarnBase::MakeCom<BrowserSite>(SiteMode::Normal, L"http://h/", nullptr);
         Control placed = InitializeControl(ComPtr<IUnknown>(static_cast<IDispatch*>(control.Get())), 2, L"probe",
                                            bag.Get(), site.Get());
         CHECK(placed.scriptName == L"TarnSM2");
@@ -464,7 +464,7 @@ TEST_SUITE("tarnhost parts: bringing a control onto the page")
 
     TEST_CASE("without parameters InitNew; without a page no site at all")
     {
-        auto control = MakeCom<ProbeControl>();
+        auto control = TarnBase::MakeCom<ProbeControl>();
         Control placed =
             InitializeControl(ComPtr<IUnknown>(static_cast<IDispatch*>(control.Get())), 1, L"probe", nullptr, nullptr);
         CHECK(placed.scriptName == L"TarnSM");
@@ -475,7 +475,7 @@ TEST_SUITE("tarnhost parts: bringing a control onto the page")
 
     TEST_CASE("a control that is not safe, or refuses the options, is not used")
     {
-        auto partial = MakeCom<ProbeControl>();
+        auto partial = TarnBase::MakeCom<ProbeControl>();
         partial->supported = INTERFACESAFE_FOR_UNTRUSTED_DATA;
         try {
             InitializeControl(ComPtr<IUnknown>(static_cast<IDispatch*>(partial.Get())), 1, L"probe", nullptr,
@@ -487,7 +487,7 @@ TEST_SUITE("tarnhost parts: bringing a control onto the page")
         }
         CHECK(partial->calls == std::vector<std::string>{"GetInterfaceSafetyOptions IDispatch"});
 
-        auto refusing = MakeCom<ProbeControl>();
+        auto refusing = TarnBase::MakeCom<ProbeControl>();
         refusing->setSafetyResult = E_FAIL;
         try {
             InitializeControl(ComPtr<IUnknown>(static_cast<IDispatch*>(refusing.Get())), 1, L"probe", nullptr,
@@ -502,11 +502,11 @@ TEST_SUITE("tarnhost parts: bringing a control onto the page")
 
     TEST_CASE("a control without persistence is fine until the page gives it parameters")
     {
-        auto control = MakeCom<ProbeControl>();
+        auto control = TarnBase::MakeCom<ProbeControl>();
         control->persists = false;
         CHECK_NOTHROW(InitializeControl(ComPtr<IUnknown>(static_cast<IDispatch*>(control.Get())), 1, L"probe",
                                         nullptr, nullptr));
-        auto bag = MakeCom<PropertyBag>();
+        auto bag = TarnBase::MakeCom<PropertyBag>();
         bag->Set(L"VendorID", L"acme");
         CHECK_THROWS_AS(InitializeControl(ComPtr<IUnknown>(static_cast<IDispatch*>(control.Get())), 1, L"probe",
                                           bag.Get(), nullptr),

@@ -9,7 +9,7 @@
 #include "LogCapture.h"
 
 #include "TarnSM/win/TrustDataDownload.h"
-#include "TarnUtils/win/Bstr.h"
+#include "TarnBase/win/Owners.h"
 
 #include <doctest.h>
 
@@ -37,7 +37,7 @@ ComPtr<TarnSMX::CTarnSM> SitedControl(Page& page, const wchar_t* propertyBeforeS
 {
     auto control = NewControl();
     if (propertyBeforeSiting != nullptr) {
-        TarnUtils::UniqueBstr value(::SysAllocString(propertyBeforeSiting));
+        TarnBase::UniqueBstr value(::SysAllocString(propertyBeforeSiting));
         REQUIRE(control->put_TrustedSiteDataFileURL(value.Get()) == S_OK);
     }
     REQUIRE(control->SetSite(page.site->Unknown()) == S_OK);
@@ -46,7 +46,7 @@ ComPtr<TarnSMX::CTarnSM> SitedControl(Page& page, const wchar_t* propertyBeforeS
 
 void PutProperty(const ComPtr<TarnSMX::CTarnSM>& control, const wchar_t* value)
 {
-    TarnUtils::UniqueBstr text(value ? ::SysAllocString(value) : nullptr);
+    TarnBase::UniqueBstr text(value ? ::SysAllocString(value) : nullptr);
     REQUIRE(control->put_TrustedSiteDataFileURL(text.Get()) == S_OK);
 }
 

@@ -1,6 +1,7 @@
 // The trusted-process table through its real named mutex and mapping. These tests share
 // the machine-wide table, so they run alone (SERIAL) and remove every entry they add.
 #include "TarnSys/win/DynamicProcessTrust.h"
+#include "tools/tarngrant/TrustTableWriter.h"
 
 #include "TarnBase/Exceptions.h"
 #include "TarnBase/KernelObjectName.h"
@@ -31,7 +32,7 @@ struct Cleanup {
     {
         DynamicProcessTrust table;
         for (const auto& pid : pids)
-            table.RevokeProcess(pid);
+            TarnGrant::RevokeProcess(table, pid);
     }
 };
 
@@ -71,11 +72,11 @@ TEST_CASE("the first holder creates the zeroed table; a second one opens it and 
     CHECK(first.Initialize());  // once per object
     if (first.CreatedTable()) {
         CHECK(log.Has("InitMemoryMap():  Successfully created shared memory with size = 38524.", 3));
-        CHECK(first.ListProcesses().empty());
+        CHECK(TarnGrant::ListProcesses(first).empty());
     } else {
         MESSAGE("another process holds the table; the creation case is not observable now");
     }
-    REQUIRE(first.GrantProcess(kPid, kPath) == GrantResult::Granted);
+    REQUIRE(TarnGrant::GrantProcess(first, kPid, kPath) == TarnGrant::GrantResult::Granted);
 
     log.Clear();
     DynamicProcessTrust second;
@@ -96,7 +97,7 @@ TEST_CASE("a grant is found, trusted and cleared; afterwards it is gone")
     Cleanup cleanup{{kPid}};
     DynamicProcessTrust table;
     uint32_t index = 99;
-    REQUIRE(table.GrantProcess(kPid, kPath, &index) == GrantResult::Granted);
+    REQUIRE(TarnGrant::GrantProcess(table, kPid, kPath, &index) == TarnGrant::GrantResult::Granted);
 
     TarnTest::LogCapture log;
     {
@@ -131,7 +132,7 @@ TEST_CASE("a matching identifier with another path is neither trusted nor cleare
 {
     Cleanup cleanup{{kPid}};
     DynamicProcessTrust table;
-    REQUIRE(table.GrantProcess(kPid, kPath) == GrantResult::Granted);
+    REQUIRE(TarnGrant::GrantProcess(table, kPid, kPath) == TarnGrant::GrantResult::Granted);
     TarnTest::LogCapture log;
     CHECK_FALSE(table.IsTrustedProcess(kPid, L"C:\\Program Files\\Ostrum\\Other.exe"));
     CHECK(log.Has("IsTrustedProcess():  Process with PID = 3999999901 is not trusted.", 3));
@@ -148,10 +149,10 @@ TEST_CASE("paths that differ only in letter case are trusted and cleared")
 {
     Cleanup cleanup{{kPid}};
     DynamicProcessTrust table;
-    REQUIRE(table.GrantProcess(kPid, L"z:\\tmp\\Host\\MSHTA.EXE") == GrantResult::Granted);
+    REQUIRE(TarnGrant::GrantProcess(table, kPid, L"z:\\tmp\\Host\\MSHTA.EXE") == TarnGrant::GrantResult::Granted);
     CHECK(table.IsTrustedProcess(kPid, L"Z:\\TMP\\host\\mshta.exe"));
     CHECK(table.ClearTrustedProcess(kPid, L"Z:\\TMP\\host\\mshta.exe"));
-    CHECK(table.ListProcesses().empty() == true);
+    CHECK(TarnGrant::ListProcesses(table).empty() == true);
 }
 
 TEST_CASE("the system directory is not exchanged for a 64-bit reader")
@@ -163,7 +164,7 @@ TEST_CASE("the system directory is not exchanged for a 64-bit reader")
     if (IsCurrentProcessWow64())
         return;
     DynamicProcessTrust table;
-    REQUIRE(table.GrantProcess(kPid, L"C:\\Windows\\system32\\mshta.exe") == GrantResult::Granted);
+    REQUIRE(TarnGrant::GrantProcess(table, kPid, L"C:\\Windows\\system32\\mshta.exe") == TarnGrant::GrantResult::Granted);
     TarnTest::LogCapture log;
     CHECK_FALSE(table.IsTrustedProcess(kPid, L"C:\\Windows\\syswow64\\mshta.exe"));
     CHECK_FALSE(log.HasSubstring("under WOW64"));
@@ -191,30 +192,30 @@ TEST_CASE("a full table refuses a sixteenth grant and fails look-ups of absent i
 {
     Cleanup cleanup;
     DynamicProcessTrust table;
-    const size_t inUse = table.ListProcesses().size();
+    const size_t inUse = TarnGrant::ListProcesses(table).size();
     for (size_t i = inUse; i < kTableEntryCount; ++i) {
         cleanup.pids.push_back(std::to_wstring(3999999910ul + i));
-        REQUIRE(table.GrantProcess(cleanup.pids.back(), kPath) == GrantResult::Granted);
+        REQUIRE(TarnGrant::GrantProcess(table, cleanup.pids.back(), kPath) == TarnGrant::GrantResult::Granted);
     }
-    CHECK(table.ListProcesses().size() == kTableEntryCount);
-    CHECK(table.GrantProcess(kPid, kPath) == GrantResult::TableFull);
+    CHECK(TarnGrant::ListProcesses(table).size() == kTableEntryCount);
+    CHECK(TarnGrant::GrantProcess(table, kPid, kPath) == TarnGrant::GrantResult::TableFull);
     CHECK_FALSE(table.IsTrustedProcess(kPid, kPath));
     // A new grant for an identifier already in the table replaces its entry instead.
     uint32_t index = 0;
-    CHECK(table.GrantProcess(cleanup.pids.back(), L"C:\\other.exe", &index) == GrantResult::Replaced);
+    CHECK(TarnGrant::GrantProcess(table, cleanup.pids.back(), L"C:\\other.exe", &index) == TarnGrant::GrantResult::Replaced);
     CHECK(table.IsTrustedProcess(cleanup.pids.back(), L"C:\\other.exe"));
 }
 
 TEST_CASE("the writer refuses what could never match")
 {
     DynamicProcessTrust table;
-    CHECK(table.GrantProcess(L"", kPath) == GrantResult::InvalidPid);
-    CHECK(table.GrantProcess(L"12a", kPath) == GrantResult::InvalidPid);
-    CHECK(table.GrantProcess(kPid, std::wstring(1026, L'p')) == GrantResult::PathTooLong);
-    CHECK(table.GrantProcess(kPid, L"") == GrantResult::PathNotStorable);
-    CHECK(table.RevokeProcess(L"") == 0);
-    CHECK(table.RevokeProcess(std::wstring(L"\0", 1)) == 0);
-    CHECK(table.RevokeProcess(kPid) == 0);
+    CHECK(TarnGrant::GrantProcess(table, L"", kPath) == TarnGrant::GrantResult::InvalidPid);
+    CHECK(TarnGrant::GrantProcess(table, L"12a", kPath) == TarnGrant::GrantResult::InvalidPid);
+    CHECK(TarnGrant::GrantProcess(table, kPid, std::wstring(1026, L'p')) == TarnGrant::GrantResult::PathTooLong);
+    CHECK(TarnGrant::GrantProcess(table, kPid, L"") == TarnGrant::GrantResult::PathNotStorable);
+    CHECK(TarnGrant::RevokeProcess(table, L"") == 0);
+    CHECK(TarnGrant::RevokeProcess(table, std::wstring(L"\0", 1)) == 0);
+    CHECK(TarnGrant::RevokeProcess(table, kPid) == 0);
 }
 
 TEST_CASE("threads racing for one grant: exactly one clears it")
@@ -222,7 +223,7 @@ TEST_CASE("threads racing for one grant: exactly one clears it")
     Cleanup cleanup{{kPid}};
     {
         DynamicProcessTrust writer;
-        REQUIRE(writer.GrantProcess(kPid, kPath) == GrantResult::Granted);
+        REQUIRE(TarnGrant::GrantProcess(writer, kPid, kPath) == TarnGrant::GrantResult::Granted);
         RawTable keepAlive;  // the table must outlive the writer object
         std::atomic<int> cleared{0};
         std::atomic<int> trusted{0};
@@ -259,7 +260,7 @@ TEST_CASE("a mapping of that name made too small by another process is refused")
     CHECK(log.Has("IsTrustedProcess():  Failed to intialize shared memory.", 1));
     CHECK_FALSE(table.ClearTrustedProcess(kPid, kPath));
     CHECK(log.Has("ClearTrustedProcess():  Failed to intialize shared memory.", 1));
-    CHECK(table.GrantProcess(kPid, kPath) == GrantResult::Unavailable);
+    CHECK(TarnGrant::GrantProcess(table, kPid, kPath) == TarnGrant::GrantResult::Unavailable);
 }
 
 TEST_CASE("an object whose mutex name is taken by another kind of object is invalid")

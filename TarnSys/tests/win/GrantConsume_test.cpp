@@ -1,6 +1,7 @@
 // A grant is honoured at most once: found and removed under one hold of the table's mutex,
 // and not honoured at all when it could not be removed.
 #include "TarnSys/win/DynamicProcessTrust.h"
+#include "tools/tarngrant/TrustTableWriter.h"
 
 #include <doctest.h>
 
@@ -13,7 +14,7 @@ TEST_CASE("a grant is consumed exactly once, or not honoured while the table is 
     const std::wstring pid = L"3999999911";  // far above any real process's identifier
     const std::wstring path = L"C:\\Program Files\\Ostrum\\TarnBrowser.exe";
     TarnSys::DynamicProcessTrust writer;  // keeps the table alive for the whole case
-    REQUIRE(writer.GrantProcess(pid, path) != TarnSys::GrantResult::Unavailable);
+    REQUIRE(TarnGrant::GrantProcess(writer, pid, path) != TarnGrant::GrantResult::Unavailable);
 
     {
         std::atomic<bool> held{false};
@@ -52,5 +53,5 @@ TEST_CASE("a grant is consumed exactly once, or not honoured while the table is 
         t.join();
     CHECK(honoured == 1);
     CHECK_FALSE(writer.IsTrustedProcess(pid, path));
-    writer.RevokeProcess(pid);
+    TarnGrant::RevokeProcess(writer, pid);
 }

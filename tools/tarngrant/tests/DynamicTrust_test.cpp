@@ -7,6 +7,7 @@
 #include "TarnBase/KernelObjectName.h"
 #include "TarnSys/TrustTable.h"
 #include "TarnSys/win/DynamicProcessTrust.h"
+#include "tools/tarngrant/TrustTableWriter.h"
 
 #include <doctest.h>
 
@@ -38,11 +39,11 @@ struct Table {
     ~Table()
     {
         for (const auto& pid : pids)
-            table.RevokeProcess(pid);
+            TarnGrant::RevokeProcess(table, pid);
     }
     bool Holds(DWORD pid)
     {
-        for (const auto& entry : table.ListProcesses())
+        for (const auto& entry : TarnGrant::ListProcesses(table))
             if (entry.pid == Pid(pid))
                 return true;
         return false;
@@ -216,7 +217,7 @@ TEST_CASE("racing hosts of one executable: only the granted process uses the gra
         CHECK(CountMessages(log, "ClearTrustedProcess():  Successfully cleared process with PID = " +
                                      std::to_string(hosts[i].process->Pid()) + ".") == (i == 2 ? 1u : 0u));
     }
-    CHECK(table.table.ListProcesses().empty());
+    CHECK(TarnGrant::ListProcesses(table.table).empty());
 }
 
 TEST_CASE("racing hosts each with a grant: every grant is used exactly once")
@@ -228,7 +229,7 @@ TEST_CASE("racing hosts each with a grant: every grant is used exactly once")
         hosts.push_back(StartSuspended(dir, i % 2 ? L"myhost.exe" : L"MSHTA.EXE", {}, 3));
     for (auto& host : hosts)
         Grant(table, host.process->Pid(), host.path);
-    CHECK(table.table.ListProcesses().size() == hosts.size());
+    CHECK(TarnGrant::ListProcesses(table.table).size() == hosts.size());
     for (auto& host : hosts)
         host.process->Resume();
     for (auto& host : hosts) {
@@ -237,7 +238,7 @@ TEST_CASE("racing hosts each with a grant: every grant is used exactly once")
                             "ClearTrustedProcess():  Successfully cleared process with PID = " +
                                 std::to_string(host.process->Pid()) + ".") == 1);
     }
-    CHECK(table.table.ListProcesses().empty());
+    CHECK(TarnGrant::ListProcesses(table.table).empty());
 }
 
 TEST_CASE("random bytes written into the table by another process never crash a host and never grant")

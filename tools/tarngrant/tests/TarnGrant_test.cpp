@@ -3,6 +3,7 @@
 
 #include "TarnSys/TrustTable.h"
 #include "TarnSys/win/DynamicProcessTrust.h"
+#include "tools/tarngrant/TrustTableWriter.h"
 #include "TarnUtils/win/CryptoUtils.h"
 
 #include <doctest.h>
@@ -31,7 +32,7 @@ struct Table {
     ~Table()
     {
         for (const auto& pid : pids)
-            table.RevokeProcess(pid);
+            TarnGrant::RevokeProcess(table, pid);
     }
 };
 
@@ -83,7 +84,7 @@ TEST_CASE("tarngrant: one-line refusals for a process that does not exist or has
     CHECK(run.exitCode == 1);
     CHECK((run.err == "tarngrant: process " + std::to_string(ended.Pid()) + " has ended; nothing granted\n" ||
            run.err == "tarngrant: no process with id " + std::to_string(ended.Pid()) + "; nothing granted\n"));
-    CHECK(table.table.ListProcesses().empty());
+    CHECK(TarnGrant::ListProcesses(table.table).empty());
 }
 
 TEST_CASE("tarngrant: the path field's size is the limit")
@@ -95,7 +96,7 @@ TEST_CASE("tarngrant: the path field's size is the limit")
     const auto tooLong = RunGrant({L"grant", Self(), longest + L"x"});
     CHECK(tooLong.exitCode == 1);
     CHECK(tooLong.err == "tarngrant: the path has 1026 characters; an entry holds at most 1025; nothing granted\n");
-    CHECK(table.table.ListProcesses().empty());
+    CHECK(TarnGrant::ListProcesses(table.table).empty());
 
     const auto fits = RunGrant({L"grant", Self(), longest});
     CHECK(fits.exitCode == 0);
@@ -105,19 +106,19 @@ TEST_CASE("tarngrant: the path field's size is the limit")
 TEST_CASE("tarngrant: a full table refuses; a second grant for a process replaces its entry")
 {
     Table table;
-    for (size_t i = table.table.ListProcesses().size(); i < TarnSys::kTableEntryCount; ++i) {
+    for (size_t i = TarnGrant::ListProcesses(table.table).size(); i < TarnSys::kTableEntryCount; ++i) {
         table.pids.push_back(std::to_wstring(3999999950ul + i));
-        REQUIRE(table.table.GrantProcess(table.pids.back(), L"C:\\filler.exe") == TarnSys::GrantResult::Granted);
+        REQUIRE(TarnGrant::GrantProcess(table.table, table.pids.back(), L"C:\\filler.exe") == TarnGrant::GrantResult::Granted);
     }
     const auto full = RunGrant({L"grant", Self(), L"C:\\x.exe"});
     CHECK(full.exitCode == 1);
     CHECK(full.err == "tarngrant: the table is full (15 entries in use); nothing granted\n");
 
-    table.table.RevokeProcess(table.pids.back());
+    TarnGrant::RevokeProcess(table.table, table.pids.back());
     table.pids.push_back(Self());
     CHECK(RunGrant({L"grant", Self(), L"C:\\first.exe"}).exitCode == 0);
     CHECK(RunGrant({L"grant", Self(), L"C:\\second.exe"}).exitCode == 0);
-    CHECK(table.table.ListProcesses().size() == TarnSys::kTableEntryCount);
+    CHECK(TarnGrant::ListProcesses(table.table).size() == TarnSys::kTableEntryCount);
     CHECK_FALSE(table.table.IsTrustedProcess(Self(), L"C:\\first.exe"));
     CHECK(table.table.IsTrustedProcess(Self(), L"C:\\second.exe"));
 }
@@ -127,7 +128,7 @@ TEST_CASE("tarngrant: list shows decrypted paths; revoke removes entries")
     Table table;
     table.pids = {Self(), L"3999999940"};
     REQUIRE(RunGrant({L"grant", Self(), L"C:\\Program Files\\Ostrum\\TarnBrowser.exe"}).exitCode == 0);
-    REQUIRE(table.table.GrantProcess(L"3999999940", L"Z:\\tmp\\J\u00f6rg\\host.exe") == TarnSys::GrantResult::Granted);
+    REQUIRE(TarnGrant::GrantProcess(table.table, L"3999999940", L"Z:\\tmp\\J\u00f6rg\\host.exe") == TarnGrant::GrantResult::Granted);
     const auto list = RunGrant({L"list"});
     CHECK(list.exitCode == 0);
     CHECK(list.out.find(" " + SelfText() + " C:\\Program Files\\Ostrum\\TarnBrowser.exe\n") != std::string::npos);
@@ -147,14 +148,14 @@ TEST_CASE("tarngrant: garbage entries are listed safely")
 {
     Table table;
     table.pids = {L"3999999941"};
-    REQUIRE(table.table.GrantProcess(L"3999999941", L"C:\\x.exe") == TarnSys::GrantResult::Granted);
+    REQUIRE(TarnGrant::GrantProcess(table.table, L"3999999941", L"C:\\x.exe") == TarnGrant::GrantResult::Granted);
     // Overwrite that entry's path field with bytes that decrypt to control characters.
     const std::string name = TarnBase::MakeKernelObjectName(TarnSys::kTableMappingName, false);
     TarnBase::UniqueHandle mapping(::OpenFileMappingA(FILE_MAP_ALL_ACCESS, FALSE, name.c_str()));
     TarnBase::UniqueMappedView view(::MapViewOfFile(mapping.Get(), FILE_MAP_ALL_ACCESS, 0, 0, TarnSys::kTableBytes));
     REQUIRE(view);
     auto* bytes = static_cast<uint8_t*>(view.Get());
-    for (const auto& entry : table.table.ListProcesses())
+    for (const auto& entry : TarnGrant::ListProcesses(table.table))
         if (entry.pid == L"3999999941")
             for (size_t k = 0; k < TarnSys::kPathFieldBytes; ++k)
                 bytes[TarnSys::EntryOffset(entry.index) + TarnSys::kPidFieldBytes + k] = static_cast<uint8_t>(0x11 + k % 7);
