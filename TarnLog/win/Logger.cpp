@@ -27,8 +27,8 @@ namespace {
 // mutex and keep it; a host must not freeze for as long as it likes.
 constexpr DWORD kRecordLockTimeoutMs = 1000;
 const char kRingRefusedMessage[] =
-    "Logger::Initialize() - The log map of another process is not committed, not readable or backed by a file; "
-    "records go only to the debugger output and the critical file.";
+    "Logger::Initialize() - The log map another process made is damaged, not committed, not readable or backed by "
+    "a file; records go only to the debugger output and the critical file.";
 
 // The logger is the sink of every library, including the ones it is built on. A record
 // raised while this thread is already inside the logger (a bad slot name, a throw during
@@ -118,6 +118,8 @@ void Logger::ReadConfiguration(bool includeRingSize)
         ReadDword(m_key.Get(), "NumberOfLogEntries", m_ringEntries);
 }
 
+namespace {
+
 // Holds the ring mutex for a scope when it could be had in time.
 class RingLock {
 public:
@@ -135,6 +137,8 @@ private:
     TarnMT::Mutex& m_mutex;
     bool m_held;
 };
+
+} // namespace
 
 bool Logger::AcquireRing()
 {
@@ -342,11 +346,11 @@ void Logger::Log(const char* className, unsigned char level, const char* message
     record.processId = m_processId;
     CopyField(record.processName, sizeof record.processName, m_processName.c_str());
     if (m_ringRefused.exchange(false)) {
-        record.level = 0;
-        CopyField(record.message, sizeof record.message, kRingRefusedMessage);
-        CopyField(record.className, sizeof record.className, "TarnLogLib");
+        LogRecord notice = record;
+        CopyField(notice.message, sizeof notice.message, kRingRefusedMessage);
+        CopyField(notice.className, sizeof notice.className, "TarnLogLib");
         ::OutputDebugStringA(kRingRefusedMessage);
-        WriteTextOutputs(record);
+        WriteTextOutputs(notice);
     }
     record.level = level;
     CopyField(record.message, sizeof record.message, message);

@@ -57,7 +57,7 @@ bool CriticalHasFrom(DWORD processId, const std::string& part)
     return false;
 }
 
-const char kRingRefused[] = "not committed, not readable or backed by a file";
+const char kRingRefused[] = "The log map another process made is damaged, not committed";
 
 void __cdecl SentinelHandler(const wchar_t*, const wchar_t*, const wchar_t*, unsigned int, uintptr_t) {}
 
