@@ -66,7 +66,7 @@ HRESULT WriteRegistration()
         CreateKey(classKey + L"\\Programmable"),
         SetValue(classKey + L"\\InprocServer32", nullptr, module),
         SetValue(classKey + L"\\InprocServer32", L"ThreadingModel", L"Apartment"),
-        SetValue(classKey + L"\\TypeLib", nullptr, GuidText(kLibidTarnSMLib)),
+        SetValue(classKey + L"\\TypeLib", nullptr, GuidText(LIBID_TarnSMLib)),
         SetValue(L"AppID\\" + GuidText(kAppidTarnSMX), nullptr, L"TarnSMX"),
     };
     for (HRESULT hr : steps)
@@ -94,7 +94,7 @@ extern "C" HRESULT STDAPICALLTYPE DllUnregisterServer()
 #else
     constexpr SYSKIND kSysKind = SYS_WIN32;
 #endif
-    ::UnRegisterTypeLib(kLibidTarnSMLib, TARN_TYPELIB_MAJOR, TARN_TYPELIB_MINOR, LANG_NEUTRAL, kSysKind);
+    ::UnRegisterTypeLib(LIBID_TarnSMLib, TARN_TYPELIB_MAJOR, TARN_TYPELIB_MINOR, LANG_NEUTRAL, kSysKind);
     DeleteTree(L"CLSID\\" + GuidText(kClsidTarnSM));
     DeleteTree(kProgId);
     DeleteTree(kVersionIndependentProgId);
