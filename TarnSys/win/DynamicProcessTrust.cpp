@@ -19,6 +19,13 @@ namespace {
 const char kClass[] = "DynamicProcessTrust";
 const char kSource[] = "DynamicProcessTrust";
 
+bool IsNtPlatform()
+{
+    return TarnBase::CurrentOsVersion().platformId == VER_PLATFORM_WIN32_NT;
+}
+
+} // namespace
+
 static_assert(sizeof(wchar_t) == sizeof(char16_t), "wide strings are UTF-16 on this platform");
 
 std::u16string ToU16(const std::wstring& text)
@@ -31,19 +38,10 @@ std::wstring ToWide(const std::u16string& text)
     return std::wstring(text.begin(), text.end());
 }
 
-// Identifiers and paths come from other processes; log them without trusting them to be
-// convertible.
 std::string LogText(const std::wstring& text)
 {
     return ToNarrowForLog(ToU16(text));
 }
-
-bool IsNtPlatform()
-{
-    return TarnBase::CurrentOsVersion().platformId == VER_PLATFORM_WIN32_NT;
-}
-
-} // namespace
 
 // The encrypted form of `path` as the table stores it (the part before the first zero
 // unit), or false when it cannot be encrypted.

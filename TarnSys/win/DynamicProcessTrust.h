@@ -31,6 +31,14 @@ constexpr DWORD kTableLockTimeoutMs = 1000;
 // Whether this process is a 32-bit process on a 64-bit system.
 bool IsCurrentProcessWow64();
 
+// The table's UTF-16 text and the platform's wide strings (the same units on Windows).
+std::u16string ToU16(const std::wstring& text);
+std::wstring ToWide(const std::u16string& text);
+
+// Identifiers and paths come from other processes; log them without trusting them to be
+// convertible.
+std::string LogText(const std::wstring& text);
+
 // The encrypted form of `path` as the table stores it (the part before the first zero
 // unit), or false when it cannot be encrypted.
 bool StoredFormOf(const std::wstring& path, std::wstring& stored);

@@ -13,22 +13,6 @@ using namespace TarnSys;
 const char kClass[] = "DynamicProcessTrust";
 const char kSource[] = "DynamicProcessTrust";
 
-std::u16string ToU16(const std::wstring& text)
-{
-    return std::u16string(text.begin(), text.end());
-}
-
-std::wstring ToWide(const std::u16string& text)
-{
-    return std::wstring(text.begin(), text.end());
-}
-
-// Identifiers come from the command line; log them without trusting them to be convertible.
-std::string LogText(const std::wstring& text)
-{
-    return ToNarrowForLog(ToU16(text));
-}
-
 bool IsDecimal(const std::wstring& text)
 {
     if (text.empty())

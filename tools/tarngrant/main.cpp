@@ -78,16 +78,6 @@ std::wstring Widen(const std::string& text)
     return std::wstring(text.begin(), text.end());
 }
 
-std::wstring ToWide(const std::u16string& text)
-{
-    return std::wstring(text.begin(), text.end());
-}
-
-std::u16string ToU16(const std::wstring& text)
-{
-    return std::u16string(text.begin(), text.end());
-}
-
 // Decimal process identifier: digits only, within 32 bits.
 std::optional<DWORD> ParsePid(const std::wstring& text)
 {
@@ -148,13 +138,13 @@ std::wstring Decrypt(const std::wstring& stored)
     std::wstring plain = stored;
     if (!crypto.DecryptString(plain))
         return L"<cannot decrypt>";
-    return ToWide(TarnSys::UpToZero(ToU16(plain)));
+    return TarnSys::ToWide(TarnSys::UpToZero(TarnSys::ToU16(plain)));
 }
 
 bool EntryStillGranted(TarnSys::DynamicProcessTrust& table, const std::wstring& pid, const std::wstring& stored)
 {
     for (const auto& entry : TarnGrant::ListProcesses(table))
-        if (TarnSys::EqualsNoCase(ToU16(entry.pid), ToU16(pid)) && entry.storedPath == stored)
+        if (TarnSys::EqualsNoCase(TarnSys::ToU16(entry.pid), TarnSys::ToU16(pid)) && entry.storedPath == stored)
             return true;
     return false;
 }
@@ -299,7 +289,7 @@ int Encrypt(const std::vector<std::wstring>& args)
     TarnUtils::CryptoUtils crypto;
     if (!crypto.EncryptString(text))
         return Refuse(L"encryption failed");
-    const std::wstring stored = ToWide(TarnSys::UpToZero(ToU16(text)));
+    const std::wstring stored = TarnSys::ToWide(TarnSys::UpToZero(TarnSys::ToU16(text)));
     Out(Hex(stored));
     if (stored.size() != args[0].size())
         WriteLine(STD_ERROR_HANDLE, L"tarngrant: the encrypted form holds a zero unit at character " +
