@@ -11,6 +11,7 @@
 #include "tools/tarngrant/TrustTableWriter.h"
 #include "TarnUtils/win/CryptoUtils.h"
 #include "tools/common/CommandLine.h"
+#include "tools/common/Console.h"
 
 #include <windows.h>
 
@@ -40,36 +41,14 @@ const wchar_t kUsage[] =
     L"  encrypt <path>    the stored (encrypted) form of <path>, as hex bytes\r\n"
     L"exit codes: 0 done, 1 refused, 2 usage, 3 grant ended unused";
 
-void WriteLine(DWORD which, const std::wstring& text)
-{
-    HANDLE out = ::GetStdHandle(which);
-    if (out == nullptr || out == INVALID_HANDLE_VALUE)
-        return;
-    const std::wstring line = text + L"\r\n";
-    DWORD mode = 0;
-    DWORD written = 0;
-    if (::GetConsoleMode(out, &mode)) {
-        ::WriteConsoleW(out, line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
-        return;
-    }
-    // Pipes and files get UTF-8, so readers never depend on the console code page.
-    const int size = ::WideCharToMultiByte(CP_UTF8, 0, line.data(), static_cast<int>(line.size()), nullptr, 0,
-                                           nullptr, nullptr);
-    std::string bytes(static_cast<size_t>(size > 0 ? size : 0), '\0');
-    if (size > 0)
-        ::WideCharToMultiByte(CP_UTF8, 0, line.data(), static_cast<int>(line.size()), &bytes[0], size, nullptr,
-                              nullptr);
-    ::WriteFile(out, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
-}
-
 void Out(const std::wstring& text)
 {
-    WriteLine(STD_OUTPUT_HANDLE, text);
+    TarnTools::WriteStdout(text);
 }
 
 int Refuse(const std::wstring& text, int code = ExitRefused)
 {
-    WriteLine(STD_ERROR_HANDLE, L"tarngrant: " + text);
+    TarnTools::WriteStderr(L"tarngrant: " + text);
     return code;
 }
 
@@ -292,7 +271,7 @@ int Encrypt(const std::vector<std::wstring>& args)
     const std::wstring stored = TarnSys::ToWide(TarnSys::UpToZero(TarnSys::ToU16(text)));
     Out(Hex(stored));
     if (stored.size() != args[0].size())
-        WriteLine(STD_ERROR_HANDLE, L"tarngrant: the encrypted form holds a zero unit at character " +
+        TarnTools::WriteStderr(L"tarngrant: the encrypted form holds a zero unit at character " +
                                         std::to_wstring(stored.size()) + L"; this path cannot be granted");
     return ExitOk;
 }

@@ -1,7 +1,7 @@
 #include "Page.h"
 
 #include "HostError.h"
-#include "Output.h"
+#include "tools/common/Console.h"
 
 namespace TarnHost {
 
@@ -42,7 +42,7 @@ int Page::Run(const std::wstring& scriptText)
     m_script = TarnBase::MakeCom<ScriptHost>(m_options.language, pageServices);
 
     HostCallbacks callbacks;
-    callbacks.echo = [](const std::wstring& line) { WriteStdout(line); };
+    callbacks.echo = [](const std::wstring& line) { TarnTools::WriteStdout(line); };
     ScriptHost* script = m_script.Get();
     callbacks.quit = [script](int code) { return script->RequestQuit(code); };
     m_host = TarnBase::MakeCom<HostObject>(m_options.language, m_options.scriptArgs, callbacks);
@@ -57,7 +57,7 @@ int Page::Run(const std::wstring& scriptText)
     case ScriptOutcome::Kind::Quit:
         return outcome.quitCode;
     case ScriptOutcome::Kind::Failed:
-        WriteStderr(L"tarnhost: script error: " + outcome.error);
+        TarnTools::WriteStderr(L"tarnhost: script error: " + outcome.error);
         return ExitScriptError;
     case ScriptOutcome::Kind::Completed:
         break;

@@ -3,12 +3,12 @@
 
 #include "HostError.h"
 #include "Options.h"
-#include "Output.h"
 #include "Page.h"
 #include "ScriptFile.h"
 
 #include "TarnBase/win/Owners.h"
 #include "tools/common/CommandLine.h"
+#include "tools/common/Console.h"
 
 #include <windows.h>
 
@@ -24,7 +24,7 @@ int RunHost()
 {
     const Options options = ParseOptions(TarnTools::CommandLineArguments());
     if (options.showHelp) {
-        WriteStdout(UsageText());
+        TarnTools::WriteStdout(UsageText());
         return ExitOk;
     }
     const std::wstring script = ReadScriptFile(options.scriptPath);
@@ -42,10 +42,10 @@ int main()
     try {
         return RunHost();
     } catch (const HostError& error) {
-        WriteStderr(L"tarnhost: " + error.message);
+        TarnTools::WriteStderr(L"tarnhost: " + error.message);
         return error.exitCode;
     } catch (const std::exception& error) {
-        WriteStderr(L"tarnhost: internal error: " + FromUtf8(error.what()));
+        TarnTools::WriteStderr(L"tarnhost: internal error: " + TarnTools::FromUtf8(error.what()));
         return ExitComFailure;
     }
 }
