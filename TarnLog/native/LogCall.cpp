@@ -15,17 +15,4 @@ void LogV(const char* className, unsigned char level, const char* format, va_lis
     NotifyObserver(className, level, message.c_str());
 }
 
-void Log(const char* className, unsigned char level, const char* format, ...) noexcept
-{
-    va_list args;
-    va_start(args, format);
-    LogV(className, level, format, args);
-    va_end(args);
-}
-
-// Every binary that links the log call routes the base layer's records through it.
-namespace {
-const bool g_sinkInstalled = (::TarnBase::SetLogSink(&LogV), true);
-} // namespace
-
 } // namespace TarnLog
