@@ -1,8 +1,7 @@
 #include "TarnBase/KernelObjectName.h"
 
+#include "TarnBase/AsciiCase.h"
 #include "TarnBase/Throw.h"
-
-#include <cctype>
 
 namespace TarnBase {
 namespace {
@@ -16,7 +15,7 @@ bool StartsWithNoCase(const std::string& text, const char* prefix)
     for (; prefix[i] != '\0'; ++i) {
         if (i >= text.size())
             return false;
-        if (std::tolower(static_cast<unsigned char>(text[i])) != std::tolower(static_cast<unsigned char>(prefix[i])))
+        if (ToLowerAscii(text[i]) != ToLowerAscii(prefix[i]))
             return false;
     }
     return true;
@@ -24,8 +23,8 @@ bool StartsWithNoCase(const std::string& text, const char* prefix)
 
 [[noreturn]] void Refuse(int line)
 {
-    ::TarnLog::Log(kClass, 0, "Throwing %s exception type. File: %s Line: %d.",
-                   "TarnBase::KernelObjectNameInvalidException", kSource, line);
+    ::TarnBase::Log(kClass, 0, "Throwing %s exception type. File: %s Line: %d.",
+                    "TarnBase::KernelObjectNameInvalidException", kSource, line);
     throw KernelObjectNameInvalidException();
 }
 

@@ -19,7 +19,11 @@ std::string MakeKernelObjectName(const std::string& name, bool global, const OsV
 // The same with the running system's version (Windows build only).
 std::string MakeKernelObjectName(const std::string& name, bool global);
 
-// The running system's platform and major version (Windows build only).
+// The running system's platform and major version (Windows build only). The one place
+// that asks the system: false, with `os` untouched, when it does not answer.
+bool QueryOsVersion(OsVersion& os);
+
+// The same, with the defaults above (NT 6) when the system does not answer.
 OsVersion CurrentOsVersion();
 
 } // namespace TarnBase

@@ -2,6 +2,8 @@
 // The one log call used by every library. It never throws and never changes the caller's
 // last-error code: callers log in the middle of error paths and read the error afterwards.
 
+#include "TarnBase/LogCall.h"
+
 #include <cstdarg>
 #include <string>
 
@@ -11,10 +13,10 @@ namespace TarnLog {
 void Log(const char* className, unsigned char level, const char* format, ...) noexcept;
 void LogV(const char* className, unsigned char level, const char* format, va_list args) noexcept;
 
-// In-process observer of every record handed to the logger, before any level filter.
-// Tests use it to read what a call logged; at most one observer is installed at a time.
-using Observer = void (*)(void* context, const char* className, unsigned char level, const char* message);
-void SetObserver(Observer observer, void* context) noexcept;
-void NotifyObserver(const char* className, unsigned char level, const char* message) noexcept;
+// The in-process observer lives in the base layer so that the libraries below the logger
+// can feed it too; these names keep the logger's callers in one namespace.
+using ::TarnBase::NotifyObserver;
+using ::TarnBase::Observer;
+using ::TarnBase::SetObserver;
 
 } // namespace TarnLog

@@ -18,14 +18,6 @@ constexpr int kDecodeAttempts = 3;
 
 } // namespace
 
-std::string ToLowerAscii(std::string text)
-{
-    for (char& c : text)
-        if (c >= 'A' && c <= 'Z')
-            c = static_cast<char>(c - 'A' + 'a');
-    return text;
-}
-
 void AddAltTrustList(std::vector<std::string>& containers, const std::string& altTrustList)
 {
     AddAltTrustList(containers, altTrustList, &TarnUtils::Base64Utils::Decode);

@@ -2,6 +2,8 @@
 // The alternative trust list a page passes with a container-trust question: Base64-encoded
 // executable names separated by semicolons, added to the trusted-container list.
 
+#include "TarnBase/AsciiCase.h"
+
 #include <string>
 #include <vector>
 
@@ -19,6 +21,6 @@ void AddAltTrustList(std::vector<std::string>& containers, const std::string& al
 void AddAltTrustList(std::vector<std::string>& containers, const std::string& altTrustList, TokenDecoder decode);
 
 // Lower case by ASCII rules only: file names must compare the same in every code page.
-std::string ToLowerAscii(std::string text);
+using ::TarnBase::ToLowerAscii;
 
 } // namespace TarnSMX

@@ -39,12 +39,4 @@ bool HasDllExtension(const std::string& downloadUrl);
 // the scheme has no list.
 int SiteListStringId(uint32_t schemeCode);
 
-// Publisher-side check of a site list text: things the loader accepts silently but that
-// are almost certainly mistakes.
-struct SiteListWarning {
-    size_t line;  // 1-based
-    std::string text;
-};
-std::vector<SiteListWarning> LintSiteList(const std::string& raw);
-
 } // namespace TarnSMX

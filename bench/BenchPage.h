@@ -12,8 +12,8 @@ namespace BenchPage {
 
 inline Microsoft::WRL::ComPtr<TarnHost::BrowserSite> Site(const std::wstring& url)
 {
-    return TarnHost::MakeCom<TarnHost::BrowserSite>(TarnHost::SiteMode::Normal, url,
-                                                    TarnHost::MakeCom<TarnHost::SecurityManager>(
+    return TarnBase::MakeCom<TarnHost::BrowserSite>(TarnHost::SiteMode::Normal, url,
+                                                    TarnBase::MakeCom<TarnHost::SecurityManager>(
                                                         std::vector<TarnHost::ZoneRule>{}));
 }
 

@@ -159,7 +159,7 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    auto site = TarnHost::MakeCom<TarnHost::BrowserSite>(TarnHost::SiteMode::Normal, kPageUrl, nullptr);
+    auto site = TarnBase::MakeCom<TarnHost::BrowserSite>(TarnHost::SiteMode::Normal, kPageUrl, nullptr);
     ComPtr<IObjectWithSite> withSite;
     control.As(&withSite);
     if (!withSite || FAILED(withSite->SetSite(static_cast<IServiceProvider*>(site.Get())))) {

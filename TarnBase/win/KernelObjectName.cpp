@@ -4,15 +4,21 @@
 
 namespace TarnBase {
 
-OsVersion CurrentOsVersion()
+bool QueryOsVersion(OsVersion& os)
 {
     OSVERSIONINFOA info{};
     info.dwOSVersionInfoSize = sizeof info;
+    if (!::GetVersionExA(&info))
+        return false;
+    os.platformId = info.dwPlatformId;
+    os.major = info.dwMajorVersion;
+    return true;
+}
+
+OsVersion CurrentOsVersion()
+{
     OsVersion os;
-    if (::GetVersionExA(&info)) {
-        os.platformId = info.dwPlatformId;
-        os.major = info.dwMajorVersion;
-    }
+    QueryOsVersion(os);
     return os;
 }
 

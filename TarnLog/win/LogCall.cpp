@@ -83,12 +83,4 @@ void LogV(const char* className, unsigned char level, const char* format, va_lis
     ::SetLastError(savedError);
 }
 
-void Log(const char* className, unsigned char level, const char* format, ...) noexcept
-{
-    va_list args;
-    va_start(args, format);
-    LogV(className, level, format, args);
-    va_end(args);
-}
-
 } // namespace TarnLog

@@ -1,5 +1,6 @@
 #include "TarnLog/win/LowIntegrity.h"
 
+#include "TarnBase/KernelObjectName.h"
 #include "TarnBase/win/Handle.h"
 
 #include <aclapi.h>
@@ -14,9 +15,8 @@ using SetNamedSecurityInfoFn = DWORD(WINAPI*)(LPSTR, SE_OBJECT_TYPE, SECURITY_IN
 
 bool HasIntegrityLevels()
 {
-    OSVERSIONINFOA info{};
-    info.dwOSVersionInfoSize = sizeof info;
-    return ::GetVersionExA(&info) && info.dwPlatformId == VER_PLATFORM_WIN32_NT && info.dwMajorVersion >= 6;
+    TarnBase::OsVersion os;
+    return TarnBase::QueryOsVersion(os) && os.platformId == VER_PLATFORM_WIN32_NT && os.major >= 6;
 }
 
 template <typename Apply>

@@ -1,6 +1,6 @@
 #include "TarnMT/DebugLine.h"
 
-#include "TarnLog/Log.h"
+#include "TarnBase/LogCall.h"
 
 #include <windows.h>
 
@@ -26,7 +26,7 @@ void DebugLog(const char* className, unsigned level, const char* format, ...) no
         const std::string line = FormatDebugLine(level, local, ::GetCurrentProcessId(), ::GetCurrentThreadId(),
                                                  className, message);
         ::OutputDebugStringA(line.c_str());
-        TarnLog::NotifyObserver(className, static_cast<unsigned char>(level), message);
+        TarnBase::NotifyObserver(className, static_cast<unsigned char>(level), message);
     } catch (...) {
     }
     ::SetLastError(savedError);

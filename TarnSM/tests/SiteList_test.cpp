@@ -1,6 +1,7 @@
 // The single copy of the site-list rules: parsing, matching one entry, the decision over both
 // lists, scheme to list, signer splitting and the publisher's lint.
 #include "TarnSM/SiteList.h"
+#include "tools/tarntrust/SiteListLint.h"
 #include "TarnSM/SignerList.h"
 #include "LogCapture.h"
 

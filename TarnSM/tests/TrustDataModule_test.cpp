@@ -1,6 +1,6 @@
 // The builder's output is proven by the platform loader (win/TrustDataModuleLoad_test) and by
 // osslsigncode + WinVerifyTrust on every signed trust file; here only what needs no loader.
-#include "TarnSM/TrustDataModule.h"
+#include "tools/tarntrust/TrustDataModule.h"
 
 #include "TarnBase/Exceptions.h"
 

@@ -74,19 +74,6 @@ STDMETHODIMP CTarnSM::QueryInterface(REFIID iid, void** object)
     return S_OK;
 }
 
-STDMETHODIMP_(ULONG) CTarnSM::AddRef()
-{
-    return ++m_references;
-}
-
-STDMETHODIMP_(ULONG) CTarnSM::Release()
-{
-    const ULONG remaining = --m_references;
-    if (remaining == 0)
-        delete this;
-    return remaining;
-}
-
 STDMETHODIMP CTarnSM::GetTypeInfoCount(UINT* count)
 {
     if (count == nullptr)

@@ -1,7 +1,8 @@
 #pragma once
 
 #include "TarnSMX_h.h"
-#include "TarnUtils/win/Bstr.h"
+#include "TarnBase/win/ComObject.h"
+#include "TarnBase/win/Owners.h"
 
 #include <objsafe.h>
 #include <ocidl.h>
@@ -14,21 +15,14 @@ namespace TarnSMX {
 
 // The scriptable trust control. Each scripted operation is a thin wrapper around one
 // internal decision member; every failure inside becomes a logged "false" or E_FAIL.
-class CTarnSM : public ITarnSM,
-                public IPersistPropertyBag,
-                public IObjectSafety,
-                public IObjectWithSite,
-                public ISupportErrorInfo {
+class CTarnSM : public TarnBase::ComObject<ITarnSM, IPersistPropertyBag, IObjectSafety, IObjectWithSite,
+                                           ISupportErrorInfo> {
 public:
     CTarnSM();
-    virtual ~CTarnSM();
-    CTarnSM(const CTarnSM&) = delete;
-    CTarnSM& operator=(const CTarnSM&) = delete;
+    ~CTarnSM() override;
 
-    // IUnknown
+    // IUnknown (AddRef and Release come from ComObject)
     STDMETHODIMP QueryInterface(REFIID iid, void** object) override;
-    STDMETHODIMP_(ULONG) AddRef() override;
-    STDMETHODIMP_(ULONG) Release() override;
 
     // IDispatch, driven by the embedded type library
     STDMETHODIMP GetTypeInfoCount(UINT* count) override;
@@ -87,10 +81,9 @@ private:
     template <typename Fn>
     HRESULT AnswerBoolean(const char* operation, VARIANT_BOOL* output, Fn decide);
 
-    std::atomic<ULONG> m_references{1};
     Microsoft::WRL::ComPtr<IUnknown> m_site;
     DWORD m_safetyOptions = 0;
-    TarnUtils::UniqueBstr m_trustDataFileUrl;
+    TarnBase::UniqueBstr m_trustDataFileUrl;
     bool m_dirty = false;
 };
 

@@ -31,19 +31,6 @@ STDMETHODIMP ClassFactory::QueryInterface(REFIID iid, void** object)
     return E_NOINTERFACE;
 }
 
-STDMETHODIMP_(ULONG) ClassFactory::AddRef()
-{
-    return ++m_references;
-}
-
-STDMETHODIMP_(ULONG) ClassFactory::Release()
-{
-    const ULONG remaining = --m_references;
-    if (remaining == 0)
-        delete this;
-    return remaining;
-}
-
 STDMETHODIMP ClassFactory::CreateInstance(IUnknown* outer, REFIID iid, void** object)
 {
     if (object == nullptr)
@@ -51,12 +38,11 @@ STDMETHODIMP ClassFactory::CreateInstance(IUnknown* outer, REFIID iid, void** ob
     *object = nullptr;
     if (outer != nullptr)
         return CLASS_E_NOAGGREGATION;
-    auto* control = new (std::nothrow) CTarnSM();
-    if (control == nullptr)
+    // The new object's first reference goes to the owner; the caller's comes from the query.
+    const auto control = TarnBase::AdoptNew(new (std::nothrow) CTarnSM());
+    if (!control)
         return E_OUTOFMEMORY;
-    const HRESULT hr = control->QueryInterface(iid, object);
-    control->Release();
-    return hr;
+    return control->QueryInterface(iid, object);
 }
 
 STDMETHODIMP ClassFactory::LockServer(BOOL lock)

@@ -1,24 +1,19 @@
 #pragma once
 
-#include <unknwn.h>
+#include "TarnBase/win/ComObject.h"
 
-#include <atomic>
+#include <unknwn.h>
 
 namespace TarnSMX {
 
-class ClassFactory : public IClassFactory {
+class ClassFactory : public TarnBase::ComObject<IClassFactory> {
 public:
     ClassFactory();
-    virtual ~ClassFactory();
+    ~ClassFactory() override;
 
     STDMETHODIMP QueryInterface(REFIID iid, void** object) override;
-    STDMETHODIMP_(ULONG) AddRef() override;
-    STDMETHODIMP_(ULONG) Release() override;
     STDMETHODIMP CreateInstance(IUnknown* outer, REFIID iid, void** object) override;
     STDMETHODIMP LockServer(BOOL lock) override;
-
-private:
-    std::atomic<ULONG> m_references{1};
 };
 
 } // namespace TarnSMX

@@ -7,7 +7,7 @@
 #include "TarnBase/win/Handle.h"
 #include "TarnMT/win/CriticalSection.h"
 #include "TarnSM/AltTrustList.h"
-#include "TarnSM/win/ContainerState.h"
+#include "TarnSM/ContainerNames.h"
 #include "TarnSM/win/ScriptBoundary.h"
 #include "TarnSM/win/VendorId.h"
 #include "TarnSys/win/DynamicProcessTrust.h"
@@ -86,17 +86,17 @@ bool GetCurrentModuleName()
         TarnLog::Log(kControlClass, 3, "GetCurrentModuleName: Current container: %s,", g_state.moduleName.c_str());
         return true;
     }
-    char buffer[kModulePathChars] = {};
-    const DWORD length = ::GetModuleFileNameA(nullptr, buffer, kModulePathChars);
-    if (length == 0) {
+    std::string path;
+    if (HostModulePath(path) == 0) {
         TarnLog::Log(kControlClass, 1,
                      "GetCurrentModuleName: Internal error. Failed to retrieve hosting process module name. GetLastError: %u.",
                      static_cast<unsigned>(::GetLastError()));
         return false;
     }
-    buffer[kModulePathChars - 1] = '\0';
-    ::PathStripPathA(buffer);
-    g_state.moduleName = ContainerName(buffer);
+    std::vector<char> buffer(path.begin(), path.end());
+    buffer.push_back('\0');
+    ::PathStripPathA(buffer.data());
+    g_state.moduleName = ContainerName(buffer.data());
     TarnLog::Log(kControlClass, 3, "GetCurrentModuleName: Current container: %s,", g_state.moduleName.c_str());
     return !g_state.moduleName.empty();
 }

@@ -2,6 +2,7 @@
 // parameters and ask whether it is safe for scripting.
 #include "TarnSM/win/CTarnSM.h"
 
+#include "TarnBase/win/Owners.h"
 #include "TarnSM/win/Guids.h"
 #include "TarnSM/win/ScriptBoundary.h"
 #include "TarnSM/win/SiteCache.h"
@@ -21,15 +22,6 @@ struct Property {
 const Property kPropertyMap[] = {
     {L"TrustedSiteDataFileURL", &CTarnSM::put_TrustedSiteDataFileURL},
     {L"VendorID", &CTarnSM::put_VendorID},
-};
-
-class ScopedVariant {
-public:
-    ScopedVariant() { ::VariantInit(&value); }
-    ~ScopedVariant() { ::VariantClear(&value); }
-    ScopedVariant(const ScopedVariant&) = delete;
-    ScopedVariant& operator=(const ScopedVariant&) = delete;
-    VARIANT value;
 };
 
 } // namespace
@@ -53,15 +45,15 @@ STDMETHODIMP CTarnSM::Load(IPropertyBag* bag, IErrorLog* errorLog)
     if (bag == nullptr)
         return E_POINTER;
     for (const Property& property : kPropertyMap) {
-        ScopedVariant variant;
-        V_VT(&variant.value) = VT_BSTR;
-        V_BSTR(&variant.value) = nullptr;
-        if (FAILED(bag->Read(property.name, &variant.value, errorLog)))
+        TarnBase::UniqueVariant variant;
+        V_VT(variant.Get()) = VT_BSTR;
+        V_BSTR(variant.Get()) = nullptr;
+        if (FAILED(bag->Read(property.name, variant.Get(), errorLog)))
             continue;  // the page did not give this parameter
-        if (V_VT(&variant.value) != VT_BSTR &&
-            FAILED(::VariantChangeType(&variant.value, &variant.value, 0, VT_BSTR)))
+        if (V_VT(variant.Get()) != VT_BSTR &&
+            FAILED(::VariantChangeType(variant.Get(), variant.Get(), 0, VT_BSTR)))
             continue;
-        const HRESULT hr = (this->*property.put)(V_BSTR(&variant.value));
+        const HRESULT hr = (this->*property.put)(V_BSTR(variant.Get()));
         if (FAILED(hr))
             return hr;
     }
@@ -73,16 +65,16 @@ STDMETHODIMP CTarnSM::Save(IPropertyBag* bag, BOOL clearDirty, BOOL)
     if (bag == nullptr)
         return E_POINTER;
     return RunGuarded("Save", [&] {
-        ScopedVariant url;
-        V_VT(&url.value) = VT_BSTR;
-        V_BSTR(&url.value) = m_trustDataFileUrl.Get() ? ::SysAllocString(m_trustDataFileUrl.Get()) : nullptr;
-        HRESULT hr = bag->Write(kPropertyMap[0].name, &url.value);
+        TarnBase::UniqueVariant url;
+        V_VT(url.Get()) = VT_BSTR;
+        V_BSTR(url.Get()) = m_trustDataFileUrl.Get() ? ::SysAllocString(m_trustDataFileUrl.Get()) : nullptr;
+        HRESULT hr = bag->Write(kPropertyMap[0].name, url.Get());
         if (FAILED(hr))
             return hr;
-        ScopedVariant vendor;
-        V_VT(&vendor.value) = VT_BSTR;
-        V_BSTR(&vendor.value) = ::SysAllocString(GetVendorIdText().c_str());
-        hr = bag->Write(kPropertyMap[1].name, &vendor.value);
+        TarnBase::UniqueVariant vendor;
+        V_VT(vendor.Get()) = VT_BSTR;
+        V_BSTR(vendor.Get()) = ::SysAllocString(GetVendorIdText().c_str());
+        hr = bag->Write(kPropertyMap[1].name, vendor.Get());
         if (SUCCEEDED(hr) && clearDirty)
             m_dirty = false;
         return hr;

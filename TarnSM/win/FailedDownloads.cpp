@@ -1,7 +1,8 @@
 #include "TarnSM/win/FailedDownloads.h"
 
+#include "TarnBase/win/Owners.h"
 #include "TarnSM/win/ScriptBoundary.h"
-#include "TarnSM/win/TempFile.h"
+#include "TarnUtils/win/TempFile.h"
 
 #include <windows.h>
 
@@ -32,15 +33,14 @@ std::vector<KeptFile> KeptFiles(const std::wstring& folder, const wchar_t* prefi
 {
     std::vector<KeptFile> files;
     WIN32_FIND_DATAW found{};
-    const HANDLE search = ::FindFirstFileW((folder + prefix + L"*.tmp").c_str(), &found);
-    if (search == INVALID_HANDLE_VALUE)
+    const TarnBase::UniqueFindHandle search(::FindFirstFileW((folder + prefix + L"*.tmp").c_str(), &found));
+    if (!search)
         return files;
     do {
         if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
             files.push_back({folder + found.cFileName, (static_cast<ULONGLONG>(found.ftLastWriteTime.dwHighDateTime) << 32) |
                                                            found.ftLastWriteTime.dwLowDateTime});
-    } while (::FindNextFileW(search, &found));
-    ::FindClose(search);
+    } while (::FindNextFileW(search.Get(), &found));
     return files;
 }
 
@@ -49,7 +49,7 @@ std::vector<KeptFile> KeptFiles(const std::wstring& folder, const wchar_t* prefi
 void PruneFailedDownloads(const wchar_t* prefix) noexcept
 {
     try {
-        std::wstring folder = TemporaryFolder();
+        std::wstring folder = TarnUtils::TemporaryFolder();
         if (!folder.empty() && folder.back() != L'\\')
             folder += L'\\';
         std::vector<KeptFile> files = KeptFiles(folder, prefix);

@@ -1,13 +1,17 @@
 #pragma once
+// The control's identity. The class and interface ids come from the header that widl
+// generates from TarnSMX.idl.in (the library id from its TarnSMX_i.c), so the IDL is their
+// only source. The AppID and the names exist only in the registry, so they live here.
+// Fixed for the life of the product: pages, hosts and registrations depend on them.
+
+#include "TarnSMX_h.h"
 
 #include <windows.h>
 
 namespace TarnSMX {
 
-// Fixed for the life of the product: pages, hosts and registrations depend on them.
-constexpr GUID kClsidTarnSM = {0x673d89b5, 0xd69d, 0x4bc1, {0x94, 0xf9, 0xe8, 0x0f, 0xfc, 0x6d, 0x55, 0xe9}};
-constexpr GUID kIidITarnSM = {0x94cc1f71, 0x0223, 0x4a2a, {0x88, 0x90, 0x5a, 0x59, 0xba, 0x98, 0xbb, 0x2a}};
-constexpr GUID kLibidTarnSMLib = {0x940a9063, 0xf717, 0x4aa7, {0x94, 0x9a, 0x2e, 0x88, 0x6f, 0x0d, 0x6f, 0x53}};
+inline const GUID& kClsidTarnSM = __uuidof(TarnSM);
+inline const GUID& kIidITarnSM = __uuidof(ITarnSM);
 constexpr GUID kAppidTarnSMX = {0xb96603ac, 0x39c0, 0x4e74, {0xa1, 0x21, 0x88, 0x9b, 0x2c, 0x8b, 0x41, 0xc5}};
 
 constexpr wchar_t kProgId[] = L"TarnSM.TarnSM.1";

@@ -70,10 +70,8 @@ extern "C" HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID iid, 
     *object = nullptr;
     if (!::IsEqualCLSID(clsid, TarnSMX::kClsidTarnSM))
         return CLASS_E_CLASSNOTAVAILABLE;
-    auto* factory = new (std::nothrow) TarnSMX::ClassFactory();
-    if (factory == nullptr)
+    const auto factory = TarnBase::AdoptNew(new (std::nothrow) TarnSMX::ClassFactory());
+    if (!factory)
         return E_OUTOFMEMORY;
-    const HRESULT hr = factory->QueryInterface(iid, object);
-    factory->Release();
-    return hr;
+    return factory->QueryInterface(iid, object);
 }

@@ -7,6 +7,7 @@
 #include <oleauto.h>
 #include <olectl.h>
 #include <windows.h>
+#include <wrl/client.h>
 
 #include <string>
 
@@ -65,18 +66,15 @@ HRESULT WriteRegistration()
         CreateKey(classKey + L"\\Programmable"),
         SetValue(classKey + L"\\InprocServer32", nullptr, module),
         SetValue(classKey + L"\\InprocServer32", L"ThreadingModel", L"Apartment"),
-        SetValue(classKey + L"\\TypeLib", nullptr, GuidText(kLibidTarnSMLib)),
+        SetValue(classKey + L"\\TypeLib", nullptr, GuidText(LIBID_TarnSMLib)),
         SetValue(L"AppID\\" + GuidText(kAppidTarnSMX), nullptr, L"TarnSMX"),
     };
     for (HRESULT hr : steps)
         if (FAILED(hr))
             return hr;
 
-    ITypeLib* library = nullptr;
-    HRESULT hr = ::LoadTypeLibEx(module.c_str(), REGKIND_REGISTER, &library);
-    if (library != nullptr)
-        library->Release();
-    return hr;
+    Microsoft::WRL::ComPtr<ITypeLib> library;
+    return ::LoadTypeLibEx(module.c_str(), REGKIND_REGISTER, &library);
 }
 
 } // namespace
@@ -96,7 +94,7 @@ extern "C" HRESULT STDAPICALLTYPE DllUnregisterServer()
 #else
     constexpr SYSKIND kSysKind = SYS_WIN32;
 #endif
-    ::UnRegisterTypeLib(kLibidTarnSMLib, TARN_TYPELIB_MAJOR, TARN_TYPELIB_MINOR, LANG_NEUTRAL, kSysKind);
+    ::UnRegisterTypeLib(LIBID_TarnSMLib, TARN_TYPELIB_MAJOR, TARN_TYPELIB_MINOR, LANG_NEUTRAL, kSysKind);
     DeleteTree(L"CLSID\\" + GuidText(kClsidTarnSM));
     DeleteTree(kProgId);
     DeleteTree(kVersionIndependentProgId);

@@ -1,6 +1,7 @@
 #include "TarnSM/win/ScriptBoundary.h"
 
 #include "TarnBase/Throw.h"
+#include "TarnBase/win/Owners.h"
 #include "TarnSM/win/Guids.h"
 
 #include <wrl/client.h>
@@ -19,10 +20,9 @@ void SetScriptError(const wchar_t* description, HRESULT result)
     if (FAILED(::CreateErrorInfo(&create)))
         return;
     create->SetGUID(GUID_NULL);
-    LPOLESTR progId = nullptr;
-    if (SUCCEEDED(::ProgIDFromCLSID(kClsidTarnSM, &progId))) {
-        create->SetSource(progId);
-        ::CoTaskMemFree(progId);
+    TarnBase::UniqueCoTaskMem<OLECHAR> progId;
+    if (SUCCEEDED(::ProgIDFromCLSID(kClsidTarnSM, progId.Put()))) {
+        create->SetSource(progId.Get());
     } else {
         create->SetSource(const_cast<LPOLESTR>(kProgId));
     }

@@ -55,7 +55,7 @@ bool CTarnSM::GetCurrentSiteURLAndZone(std::string& url, DWORD& zone, bool* unre
         return false;
     }
 
-    TarnUtils::UniqueBstr location;
+    TarnBase::UniqueBstr location;
     hr = browser->get_LocationURL(location.Put());
     if (FAILED(hr)) {
         TarnLog::Log(kControlClass, 2,

@@ -6,7 +6,7 @@
 #include "TarnSM/SiteList.h"
 #include "TarnSM/win/ScriptBoundary.h"
 #include "TarnSM/win/SiteCache.h"
-#include "TarnSM/win/TempFile.h"
+#include "TarnUtils/win/TempFile.h"
 #include "TarnSM/win/TrustDataDownload.h"
 #include "TarnSM/win/TrustDataFile.h"
 #include "TarnSM/win/TrustedSigners.h"
@@ -85,7 +85,7 @@ bool CTarnSM::IsCurrentSiteTrustedInternal()
         siteSigners.clear();
 
         PruneFailedDownloads(L"PTI");
-        const std::wstring tempPath = CreateUniqueTempFile(L"PTI");
+        const std::wstring tempPath = TarnUtils::CreateUniqueTempFile(L"PTI");
         const std::string narrowTempPath = tempPath.empty() ? std::string() : TarnUtils::WideToAnsi(tempPath);
         if (narrowTempPath.empty())
             FAIL(1, "IsCurrentSiteTrustedInternal: Failed to build up temp file path to store trusted data file.");
@@ -98,7 +98,7 @@ bool CTarnSM::IsCurrentSiteTrustedInternal()
         // Held from before the signature check until the lists are read: the temporary
         // folder is writable by the page's own processes, and a file swapped between the
         // check and the read would have unsigned lists believed and cached.
-        TarnBase::UniqueFile held = HoldForReading(tempPath);
+        TarnBase::UniqueFile held = TarnUtils::HoldForReading(tempPath);
         if (!held) {
             TarnLog::Log(kControlClass, 1,
                          "IsCurrentSiteTrustedInternal: Failed to hold the downloaded Trusted Site Data File for checking. GetLastError: %u.",

@@ -1,6 +1,6 @@
 #include "TarnSM/win/TrustDataDownload.h"
 
-#include "TarnBase/win/Handle.h"
+#include "TarnBase/win/Owners.h"
 #include "TarnMT/win/CriticalSection.h"
 #include "TarnSM/win/CTarnSM.h"
 #include "TarnSM/win/ScriptBoundary.h"
@@ -33,10 +33,7 @@ constexpr DWORD kMaxTotalDeadlineMs = 300000;
 constexpr DWORD kUnknownStatus = 999;
 constexpr char kStatusSource[] = "TarnSM";
 
-struct CoTaskMemDeleter {
-    void operator()(wchar_t* p) const { ::CoTaskMemFree(p); }
-};
-using CoTaskString = std::unique_ptr<wchar_t, CoTaskMemDeleter>;
+using CoTaskString = TarnBase::UniqueCoTaskMem<wchar_t>;
 
 std::string ForLog(const std::wstring& text)
 {
@@ -180,10 +177,10 @@ std::string GetTrustedSiteDownloadURL(CTarnSM& control, const std::string& pageU
 
     // A URL that only survives the ANSI code page with '?' in place of a character would
     // name another resource ('?' starts a query), so such a URL is refused, not narrowed.
-    if (!TarnUtils::TryWideToAnsi(name.get(), wcslen(name.get()), downloadUrl)) {
+    if (!TarnUtils::TryWideToAnsi(name.Get(), wcslen(name.Get()), downloadUrl)) {
         TarnLog::Log(kControlClass, 2,
                      "GetTrustedSiteDownloadURL: URL has characters outside the ANSI code page; not downloading: %s.",
-                     ForLog(name.get()).c_str());
+                     ForLog(name.Get()).c_str());
         downloadUrl.clear();
         return downloadUrl;
     }

@@ -19,6 +19,13 @@ namespace {
 const char kClass[] = "DynamicProcessTrust";
 const char kSource[] = "DynamicProcessTrust";
 
+bool IsNtPlatform()
+{
+    return TarnBase::CurrentOsVersion().platformId == VER_PLATFORM_WIN32_NT;
+}
+
+} // namespace
+
 static_assert(sizeof(wchar_t) == sizeof(char16_t), "wide strings are UTF-16 on this platform");
 
 std::u16string ToU16(const std::wstring& text)
@@ -31,26 +38,9 @@ std::wstring ToWide(const std::u16string& text)
     return std::wstring(text.begin(), text.end());
 }
 
-// Identifiers and paths come from other processes; log them without trusting them to be
-// convertible.
 std::string LogText(const std::wstring& text)
 {
     return ToNarrowForLog(ToU16(text));
-}
-
-bool IsNtPlatform()
-{
-    return TarnBase::CurrentOsVersion().platformId == VER_PLATFORM_WIN32_NT;
-}
-
-bool IsDecimal(const std::wstring& text)
-{
-    if (text.empty())
-        return false;
-    for (wchar_t c : text)
-        if (c < L'0' || c > L'9')
-            return false;
-    return true;
 }
 
 // The encrypted form of `path` as the table stores it (the part before the first zero
@@ -64,8 +54,6 @@ bool StoredFormOf(const std::wstring& path, std::wstring& stored)
     stored = ToWide(UpToZero(ToU16(stored)));
     return true;
 }
-
-} // namespace
 
 bool IsCurrentProcessWow64()
 {
@@ -108,10 +96,7 @@ DynamicProcessTrust::~DynamicProcessTrust()
 
 bool DynamicProcessTrust::Initialize()
 {
-    if (!m_valid) {
-        TarnLog::Log(kClass, 1, "Initialize(): Error - Object is invalid.");
-        TARN_THROW(kClass, kSource, TarnBase::InvalidObjectException);
-    }
+    TARN_REQUIRE_VALID(m_valid, kClass, kSource, "Initialize");
     TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
     return InitializeHeld();
 }
@@ -177,10 +162,7 @@ bool DynamicProcessTrust::InitMemoryMap()
 
 bool DynamicProcessTrust::FindProcess(const std::wstring& pid, uint32_t& index, std::wstring& appPath)
 {
-    if (!m_valid) {
-        TarnLog::Log(kClass, 1, "FindProcess(): Error - Object is invalid.");
-        TARN_THROW(kClass, kSource, TarnBase::InvalidObjectException);
-    }
+    TARN_REQUIRE_VALID(m_valid, kClass, kSource, "FindProcess");
     index = 0;
     appPath.clear();
     if (pid.size() + 2 > kPidFieldUnits) {
@@ -205,10 +187,7 @@ bool DynamicProcessTrust::FindProcess(const std::wstring& pid, uint32_t& index, 
 
 bool DynamicProcessTrust::IsTrustedProcess(const std::wstring& pid, const std::wstring& appPath)
 {
-    if (!m_valid) {
-        TarnLog::Log(kClass, 1, "IsTrustedProcess(): Error - Object is invalid.");
-        TARN_THROW(kClass, kSource, TarnBase::InvalidObjectException);
-    }
+    TARN_REQUIRE_VALID(m_valid, kClass, kSource, "IsTrustedProcess");
     const std::string pidText = LogText(pid);
     try {
         TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
@@ -248,8 +227,6 @@ bool DynamicProcessTrust::IsTrustedProcess(const std::wstring& pid, const std::w
         return trusted;
     } catch (const TarnBase::BaseException& e) {
         TarnLog::Log(kClass, 1, "IsTrustedProcess():  Exception - %S.", e.GetErrorId().c_str());
-    } catch (HRESULT result) {
-        TarnLog::Log(kClass, 1, "IsTrustedProcess():  Exception - HRESULT = <0x%08.8X>", static_cast<unsigned>(result));
     } catch (...) {
         TarnLog::Log(kClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kSource, __LINE__);
     }
@@ -258,10 +235,7 @@ bool DynamicProcessTrust::IsTrustedProcess(const std::wstring& pid, const std::w
 
 bool DynamicProcessTrust::ClearTrustedProcess(const std::wstring& pid, const std::wstring& appPath)
 {
-    if (!m_valid) {
-        TarnLog::Log(kClass, 1, "ClearTrustedProcess(): Error - Object is invalid.");
-        TARN_THROW(kClass, kSource, TarnBase::InvalidObjectException);
-    }
+    TARN_REQUIRE_VALID(m_valid, kClass, kSource, "ClearTrustedProcess");
     const std::string pidText = LogText(pid);
     try {
         TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
@@ -323,8 +297,6 @@ bool DynamicProcessTrust::ClearTrustedProcess(const std::wstring& pid, const std
         return true;
     } catch (const TarnBase::BaseException& e) {
         TarnLog::Log(kClass, 1, "ClearTrustedProcess():  Exception - %S.", e.GetErrorId().c_str());
-    } catch (HRESULT result) {
-        TarnLog::Log(kClass, 1, "ClearTrustedProcess():  Exception - HRESULT = <0x%08.8X>", static_cast<unsigned>(result));
     } catch (...) {
         TarnLog::Log(kClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kSource, __LINE__);
     }
@@ -333,10 +305,7 @@ bool DynamicProcessTrust::ClearTrustedProcess(const std::wstring& pid, const std
 
 bool DynamicProcessTrust::ConsumeTrustedProcess(const std::wstring& pid, const std::wstring& appPath)
 {
-    if (!m_valid) {
-        TarnLog::Log(kClass, 1, "IsTrustedProcess(): Error - Object is invalid.");
-        TARN_THROW(kClass, kSource, TarnBase::InvalidObjectException);
-    }
+    TARN_REQUIRE_VALID(m_valid, kClass, kSource, "IsTrustedProcess");
     try {
         // The mutex is re-entrant: the query and the clear take it again without waiting.
         TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
@@ -349,82 +318,12 @@ bool DynamicProcessTrust::ConsumeTrustedProcess(const std::wstring& pid, const s
     return false;
 }
 
-GrantResult DynamicProcessTrust::GrantProcess(const std::wstring& pid, const std::wstring& appPath, uint32_t* index)
+uint8_t* DynamicProcessTrust::HeldTable(size_t& size)
 {
-    if (!m_valid) {
-        TarnLog::Log(kClass, 1, "GrantProcess(): Error - Object is invalid.");
-        TARN_THROW(kClass, kSource, TarnBase::InvalidObjectException);
-    }
-    if (!IsDecimal(pid) || pid.size() > kMaxLookupPidUnits)
-        return GrantResult::InvalidPid;
-    if (appPath.size() > kMaxStoredPathUnits)
-        return GrantResult::PathTooLong;
-    std::wstring stored;
-    if (appPath.empty() || !StoredFormOf(appPath, stored) || stored.size() != appPath.size())
-        return GrantResult::PathNotStorable;
-    const auto entry = EncodeEntry(ToU16(pid), ToU16(stored));
-    if (!entry)
-        return GrantResult::PathNotStorable;
-
-    TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
     if (!InitializeHeld())
-        return GrantResult::Unavailable;
-    // One entry per process: a second one would be shadowed by the first and outlive it.
-    auto slot = FindEntry(Table(), m_mapSize, ToU16(pid));
-    const bool replacing = slot.has_value();
-    if (!slot)
-        slot = FirstFreeEntry(Table(), m_mapSize);
-    if (!slot)
-        return GrantResult::TableFull;
-    WriteEntry(Table(), m_mapSize, *slot, *entry);
-    if (index != nullptr)
-        *index = static_cast<uint32_t>(*slot);
-    TarnLog::Log(kClass, 3, "GrantProcess():  Granted dynamic trust to process with PID = %s in entry %u.",
-                 LogText(pid).c_str(), static_cast<unsigned>(*slot));
-    return replacing ? GrantResult::Replaced : GrantResult::Granted;
-}
-
-size_t DynamicProcessTrust::RevokeProcess(const std::wstring& pid)
-{
-    if (!m_valid) {
-        TarnLog::Log(kClass, 1, "RevokeProcess(): Error - Object is invalid.");
-        TARN_THROW(kClass, kSource, TarnBase::InvalidObjectException);
-    }
-    const std::u16string wanted = UpToZero(ToU16(pid));
-    if (wanted.empty() || wanted.size() > kMaxLookupPidUnits)
-        return 0;
-    TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
-    if (!InitializeHeld())
-        return 0;
-    size_t removed = 0;
-    for (size_t i = 0; i < kTableEntryCount; ++i) {
-        const auto entry = ReadEntry(Table(), m_mapSize, i);
-        if (entry && !entry->IsFree() && EqualsNoCase(entry->pid, wanted)) {
-            WriteEntry(Table(), m_mapSize, i, std::vector<uint8_t>(kTableEntryBytes, 0));
-            ++removed;
-        }
-    }
-    if (removed > 0)
-        TarnLog::Log(kClass, 3, "RevokeProcess():  Revoked dynamic trust of process with PID = %s.", LogText(pid).c_str());
-    return removed;
-}
-
-std::vector<TrustedProcessEntry> DynamicProcessTrust::ListProcesses()
-{
-    if (!m_valid) {
-        TarnLog::Log(kClass, 1, "ListProcesses(): Error - Object is invalid.");
-        TARN_THROW(kClass, kSource, TarnBase::InvalidObjectException);
-    }
-    std::vector<TrustedProcessEntry> entries;
-    TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
-    if (!InitializeHeld())
-        return entries;
-    for (size_t i = 0; i < kTableEntryCount; ++i) {
-        const auto entry = ReadEntry(Table(), m_mapSize, i);
-        if (entry && !entry->IsFree())
-            entries.push_back({static_cast<uint32_t>(i), ToWide(entry->pid), ToWide(entry->path)});
-    }
-    return entries;
+        return nullptr;
+    size = m_mapSize;
+    return Table();
 }
 
 } // namespace TarnSys

@@ -17,7 +17,6 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 namespace TarnSys {
 
@@ -32,21 +31,17 @@ constexpr DWORD kTableLockTimeoutMs = 1000;
 // Whether this process is a 32-bit process on a 64-bit system.
 bool IsCurrentProcessWow64();
 
-enum class GrantResult {
-    Granted,          // written into the first free entry
-    Replaced,         // the identifier already had an entry; its path was replaced
-    TableFull,        // all 15 entries are taken
-    InvalidPid,       // empty, not decimal, or longer than a look-up accepts
-    PathTooLong,      // more than the path field holds
-    PathNotStorable,  // empty, or its encrypted form holds a zero unit (it would never match)
-    Unavailable,      // the shared memory could not be created or mapped
-};
+// The table's UTF-16 text and the platform's wide strings (the same units on Windows).
+std::u16string ToU16(const std::wstring& text);
+std::wstring ToWide(const std::u16string& text);
 
-struct TrustedProcessEntry {
-    uint32_t index = 0;
-    std::wstring pid;
-    std::wstring storedPath;  // encrypted form, up to its first zero unit
-};
+// Identifiers and paths come from other processes; log them without trusting them to be
+// convertible.
+std::string LogText(const std::wstring& text);
+
+// The encrypted form of `path` as the table stores it (the part before the first zero
+// unit), or false when it cannot be encrypted.
+bool StoredFormOf(const std::wstring& path, std::wstring& stored);
 
 class DynamicProcessTrust : public TarnBase::NoCopySemantics {
 public:
@@ -73,11 +68,10 @@ public:
     // later process with the same identifier and path). One bounded wait for the mutex.
     bool ConsumeTrustedProcess(const std::wstring& pid, const std::wstring& appPath);
 
-    // Writer side, for the tools that grant trust. Throw InvalidObjectException on an
-    // invalid object and AutoLockTimeoutException when the mutex stays held elsewhere.
-    GrantResult GrantProcess(const std::wstring& pid, const std::wstring& appPath, uint32_t* index = nullptr);
-    size_t RevokeProcess(const std::wstring& pid);  // entries removed
-    std::vector<TrustedProcessEntry> ListProcesses();
+    // For a caller that holds TableMutex(): the mapped table and its size in `size`,
+    // mapping it first when needed; null when the shared memory cannot be had. The
+    // writer side (tools/tarngrant) works through this; the control only reads.
+    uint8_t* HeldTable(size_t& size);
 
     // True when this object's Initialize created the shared memory (no other process held
     // it): the table then lives only as long as this object keeps it open.

@@ -1,7 +1,8 @@
 #include "TarnUtils/win/Authenticode.h"
 
 #include "TarnBase/Throw.h"
-#include "TarnBase/win/Handle.h"
+#include "TarnBase/win/Owners.h"
+#include "TarnLog/Log.h"
 #include "TarnUtils/X500Name.h"
 #include "TarnUtils/win/Path.h"
 #include "TarnUtils/win/StringConvert.h"
@@ -24,10 +25,7 @@ const char kVerify[] = "VerifyAuthenticodeSignature";
 const char kVerifySigner[] = "VerifyAuthenticodeSignatureAndTrustedSigner (list)";
 constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 
-struct CertContextDeleter {
-    void operator()(PCCERT_CONTEXT context) const { ::CertFreeCertificateContext(context); }
-};
-using UniqueCertContext = std::unique_ptr<const CERT_CONTEXT, CertContextDeleter>;
+using TarnBase::UniqueCertContext;
 
 void CallFailed(const char* operation, const char* call, const std::wstring& file, DWORD error)
 {
@@ -84,7 +82,7 @@ std::string SignerOfFirstEntry(HANDLE file, const std::wstring& fileName, const 
         return std::string();
     }
 
-    CERT_NAME_BLOB* subjectBlob = &signer->pCertInfo->Subject;
+    CERT_NAME_BLOB* subjectBlob = &signer.Get()->pCertInfo->Subject;
     const DWORD subjectSize = ::CertNameToStrA(kEncoding, subjectBlob, CERT_OID_NAME_STR, nullptr, 0);
     if (subjectSize == 0) {
         TarnLog::Log(kClass, 3, "%s - %s length is 0.  Moving on to next cert.", operation, "subjectSize");

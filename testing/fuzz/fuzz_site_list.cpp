@@ -1,6 +1,7 @@
 // A trust data file's site list is the publisher's text: parse it, lint it, and match
 // domains against it. A domain that matches must really end with the entry.
 #include "TarnSM/SiteList.h"
+#include "tools/tarntrust/SiteListLint.h"
 
 #include <algorithm>
 #include <cstdlib>

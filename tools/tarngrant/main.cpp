@@ -8,10 +8,12 @@
 #include "TarnBase/Exceptions.h"
 #include "TarnSys/TrustTable.h"
 #include "TarnSys/win/DynamicProcessTrust.h"
+#include "tools/tarngrant/TrustTableWriter.h"
 #include "TarnUtils/win/CryptoUtils.h"
+#include "tools/common/CommandLine.h"
+#include "tools/common/Console.h"
 
 #include <windows.h>
-#include <shellapi.h>
 
 #include <cstdio>
 #include <optional>
@@ -39,52 +41,20 @@ const wchar_t kUsage[] =
     L"  encrypt <path>    the stored (encrypted) form of <path>, as hex bytes\r\n"
     L"exit codes: 0 done, 1 refused, 2 usage, 3 grant ended unused";
 
-void WriteLine(DWORD which, const std::wstring& text)
-{
-    HANDLE out = ::GetStdHandle(which);
-    if (out == nullptr || out == INVALID_HANDLE_VALUE)
-        return;
-    const std::wstring line = text + L"\r\n";
-    DWORD mode = 0;
-    DWORD written = 0;
-    if (::GetConsoleMode(out, &mode)) {
-        ::WriteConsoleW(out, line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
-        return;
-    }
-    // Pipes and files get UTF-8, so readers never depend on the console code page.
-    const int size = ::WideCharToMultiByte(CP_UTF8, 0, line.data(), static_cast<int>(line.size()), nullptr, 0,
-                                           nullptr, nullptr);
-    std::string bytes(static_cast<size_t>(size > 0 ? size : 0), '\0');
-    if (size > 0)
-        ::WideCharToMultiByte(CP_UTF8, 0, line.data(), static_cast<int>(line.size()), &bytes[0], size, nullptr,
-                              nullptr);
-    ::WriteFile(out, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
-}
-
 void Out(const std::wstring& text)
 {
-    WriteLine(STD_OUTPUT_HANDLE, text);
+    TarnTools::WriteStdout(text);
 }
 
 int Refuse(const std::wstring& text, int code = ExitRefused)
 {
-    WriteLine(STD_ERROR_HANDLE, L"tarngrant: " + text);
+    TarnTools::WriteStderr(L"tarngrant: " + text);
     return code;
 }
 
 std::wstring Widen(const std::string& text)
 {
     return std::wstring(text.begin(), text.end());
-}
-
-std::wstring ToWide(const std::u16string& text)
-{
-    return std::wstring(text.begin(), text.end());
-}
-
-std::u16string ToU16(const std::wstring& text)
-{
-    return std::u16string(text.begin(), text.end());
 }
 
 // Decimal process identifier: digits only, within 32 bits.
@@ -147,13 +117,13 @@ std::wstring Decrypt(const std::wstring& stored)
     std::wstring plain = stored;
     if (!crypto.DecryptString(plain))
         return L"<cannot decrypt>";
-    return ToWide(TarnSys::UpToZero(ToU16(plain)));
+    return TarnSys::ToWide(TarnSys::UpToZero(TarnSys::ToU16(plain)));
 }
 
 bool EntryStillGranted(TarnSys::DynamicProcessTrust& table, const std::wstring& pid, const std::wstring& stored)
 {
-    for (const auto& entry : table.ListProcesses())
-        if (TarnSys::EqualsNoCase(ToU16(entry.pid), ToU16(pid)) && entry.storedPath == stored)
+    for (const auto& entry : TarnGrant::ListProcesses(table))
+        if (TarnSys::EqualsNoCase(TarnSys::ToU16(entry.pid), TarnSys::ToU16(pid)) && entry.storedPath == stored)
             return true;
     return false;
 }
@@ -164,7 +134,7 @@ int HoldTable(TarnSys::DynamicProcessTrust& table, const TargetProcess& target, 
               DWORD holdSeconds)
 {
     std::wstring stored;
-    for (const auto& entry : table.ListProcesses())
+    for (const auto& entry : TarnGrant::ListProcesses(table))
         if (entry.pid == pid)
             stored = entry.storedPath;
     Out(L"holding the table open until process " + pid + L" uses the grant or ends (at most " +
@@ -180,13 +150,13 @@ int HoldTable(TarnSys::DynamicProcessTrust& table, const TargetProcess& target, 
                 Out(L"grant of process " + pid + L" used or revoked");
                 return ExitOk;
             }
-            table.RevokeProcess(pid);
+            TarnGrant::RevokeProcess(table, pid);
             return Refuse(L"process " + pid + L" ended without using the grant; revoked", ExitUnused);
         }
         if (target.Handle() == nullptr)
             ::Sleep(kHoldPollMs);
     }
-    table.RevokeProcess(pid);
+    TarnGrant::RevokeProcess(table, pid);
     return Refuse(L"the grant of process " + pid + L" was not used within " + std::to_wstring(holdSeconds) +
                       L" s; revoked",
                   ExitUnused);
@@ -234,21 +204,21 @@ int Grant(std::vector<std::wstring> args)
     if (!table.IsValid())
         return Refuse(L"cannot open the trusted-process table's mutex; nothing granted");
     uint32_t index = 0;
-    switch (table.GrantProcess(pid, path, &index)) {
-    case TarnSys::GrantResult::Granted:
-    case TarnSys::GrantResult::Replaced:
+    switch (TarnGrant::GrantProcess(table, pid, path, &index)) {
+    case TarnGrant::GrantResult::Granted:
+    case TarnGrant::GrantResult::Replaced:
         break;
-    case TarnSys::GrantResult::TableFull:
+    case TarnGrant::GrantResult::TableFull:
         return Refuse(L"the table is full (" + std::to_wstring(TarnSys::kTableEntryCount) +
                       L" entries in use); nothing granted");
-    case TarnSys::GrantResult::InvalidPid:
+    case TarnGrant::GrantResult::InvalidPid:
         return Refuse(L"'" + pid + L"' is not a process id", ExitUsage);
-    case TarnSys::GrantResult::PathTooLong:
+    case TarnGrant::GrantResult::PathTooLong:
         return Refuse(L"the path has " + std::to_wstring(path.size()) + L" characters; an entry holds at most " +
                       std::to_wstring(TarnSys::kMaxStoredPathUnits) + L"; nothing granted");
-    case TarnSys::GrantResult::PathNotStorable:
+    case TarnGrant::GrantResult::PathNotStorable:
         return Refuse(L"the encrypted form of this path holds a zero unit, so the entry could never match; nothing granted");
-    case TarnSys::GrantResult::Unavailable:
+    case TarnGrant::GrantResult::Unavailable:
         return Refuse(L"cannot create or open the trusted-process table; nothing granted");
     }
     Out(L"granted process " + pid + L" entry " + std::to_wstring(index) + L": " + Printable(path));
@@ -269,7 +239,7 @@ int Revoke(const std::vector<std::wstring>& args)
     TarnSys::DynamicProcessTrust table;
     if (!table.IsValid())
         return Refuse(L"cannot open the trusted-process table's mutex");
-    const size_t removed = table.RevokeProcess(pid);
+    const size_t removed = TarnGrant::RevokeProcess(table, pid);
     if (removed == 0)
         return Refuse(L"no grant for process " + pid);
     Out(L"revoked process " + pid + (removed > 1 ? L" (" + std::to_wstring(removed) + L" entries)" : L""));
@@ -283,7 +253,7 @@ int List(const std::vector<std::wstring>& args)
     TarnSys::DynamicProcessTrust table;
     if (!table.IsValid())
         return Refuse(L"cannot open the trusted-process table's mutex");
-    const auto entries = table.ListProcesses();
+    const auto entries = TarnGrant::ListProcesses(table);
     for (const auto& entry : entries)
         Out(std::to_wstring(entry.index) + L" " + Printable(entry.pid) + L" " + Printable(Decrypt(entry.storedPath)));
     Out(std::to_wstring(entries.size()) + L" of " + std::to_wstring(TarnSys::kTableEntryCount) + L" entries in use");
@@ -298,28 +268,17 @@ int Encrypt(const std::vector<std::wstring>& args)
     TarnUtils::CryptoUtils crypto;
     if (!crypto.EncryptString(text))
         return Refuse(L"encryption failed");
-    const std::wstring stored = ToWide(TarnSys::UpToZero(ToU16(text)));
+    const std::wstring stored = TarnSys::ToWide(TarnSys::UpToZero(TarnSys::ToU16(text)));
     Out(Hex(stored));
     if (stored.size() != args[0].size())
-        WriteLine(STD_ERROR_HANDLE, L"tarngrant: the encrypted form holds a zero unit at character " +
+        TarnTools::WriteStderr(L"tarngrant: the encrypted form holds a zero unit at character " +
                                         std::to_wstring(stored.size()) + L"; this path cannot be granted");
     return ExitOk;
 }
 
-std::vector<std::wstring> CommandLineArguments()
-{
-    int count = 0;
-    wchar_t** argv = ::CommandLineToArgvW(::GetCommandLineW(), &count);
-    std::vector<std::wstring> args;
-    for (int i = 1; argv && i < count; ++i)
-        args.emplace_back(argv[i]);
-    ::LocalFree(argv);
-    return args;
-}
-
 int Run()
 {
-    std::vector<std::wstring> args = CommandLineArguments();
+    std::vector<std::wstring> args = TarnTools::CommandLineArguments();
     if (args.empty())
         return Refuse(std::wstring(L"no command\r\n") + kUsage, ExitUsage);
     const std::wstring command = args[0];

@@ -8,7 +8,7 @@ namespace TarnHost {
 BrowserSite::BrowserSite(SiteMode mode, const std::wstring& locationUrl,
                          Microsoft::WRL::ComPtr<SecurityManager> securityManager)
     : m_mode(mode),
-      m_browser(MakeCom<WebBrowser>(locationUrl, mode == SiteMode::LocationFails)),
+      m_browser(TarnBase::MakeCom<WebBrowser>(locationUrl, mode == SiteMode::LocationFails)),
       m_securityManager(std::move(securityManager))
 {
 }

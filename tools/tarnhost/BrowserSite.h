@@ -3,7 +3,7 @@
 // browser (SID_SWebBrowserApp) and, when the page has one, its security manager.
 // The site modes reproduce containers that fall short in one way each.
 
-#include "ComObject.h"
+#include "TarnBase/win/ComObject.h"
 #include "Options.h"
 #include "SecurityManager.h"
 #include "WebBrowser.h"
@@ -14,7 +14,7 @@
 
 namespace TarnHost {
 
-class BrowserSite final : public ComObject<IServiceProvider> {
+class BrowserSite final : public TarnBase::ComObject<IServiceProvider> {
 public:
     // `securityManager` may be null: the page then offers none.
     BrowserSite(SiteMode mode, const std::wstring& locationUrl,

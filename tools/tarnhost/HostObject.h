@@ -3,7 +3,7 @@
 // page's controls. IDispatch is written out by hand with fixed member ids, so the object
 // needs no type library.
 
-#include "ComObject.h"
+#include "TarnBase/win/ComObject.h"
 #include "Options.h"
 
 #include <oaidl.h>
@@ -29,7 +29,7 @@ struct HostCallbacks {
     std::function<HRESULT(int)> quit;
 };
 
-class HostObject final : public ComObject<IDispatch> {
+class HostObject final : public TarnBase::ComObject<IDispatch> {
 public:
     HostObject(Language language, std::vector<std::wstring> args, HostCallbacks callbacks);
 

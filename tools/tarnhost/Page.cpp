@@ -1,7 +1,7 @@
 #include "Page.h"
 
 #include "HostError.h"
-#include "Output.h"
+#include "tools/common/Console.h"
 
 namespace TarnHost {
 
@@ -19,8 +19,8 @@ int Page::Run(const std::wstring& scriptText)
     if (m_options.url) {
         ComPtr<SecurityManager> securityManager;
         if (!m_options.zones.empty())
-            securityManager = MakeCom<SecurityManager>(m_options.zones);
-        m_site = MakeCom<BrowserSite>(m_options.siteMode, *m_options.url, securityManager);
+            securityManager = TarnBase::MakeCom<SecurityManager>(m_options.zones);
+        m_site = TarnBase::MakeCom<BrowserSite>(m_options.siteMode, *m_options.url, securityManager);
     }
 
     std::vector<ComPtr<IDispatch>> dispatches;
@@ -29,7 +29,7 @@ int Page::Run(const std::wstring& scriptText)
         for (const PageParam& param : m_options.params)
             if (param.control == number) {
                 if (!params)
-                    params = MakeCom<PropertyBag>();
+                    params = TarnBase::MakeCom<PropertyBag>();
                 params->Set(param.name, param.value);
             }
         m_controls.push_back(CreateControl(m_options.progId, number, params.Get(), m_site.Get()));
@@ -39,13 +39,13 @@ int Page::Run(const std::wstring& scriptText)
     ComPtr<IServiceProvider> pageServices;
     if (m_site)
         m_site.As(&pageServices); // fails, as intended, for a site without a service provider
-    m_script = MakeCom<ScriptHost>(m_options.language, pageServices);
+    m_script = TarnBase::MakeCom<ScriptHost>(m_options.language, pageServices);
 
     HostCallbacks callbacks;
-    callbacks.echo = [](const std::wstring& line) { WriteStdout(line); };
+    callbacks.echo = [](const std::wstring& line) { TarnTools::WriteStdout(line); };
     ScriptHost* script = m_script.Get();
     callbacks.quit = [script](int code) { return script->RequestQuit(code); };
-    m_host = MakeCom<HostObject>(m_options.language, m_options.scriptArgs, callbacks);
+    m_host = TarnBase::MakeCom<HostObject>(m_options.language, m_options.scriptArgs, callbacks);
     m_host->SetControls(dispatches);
 
     m_script->AddItem(L"host", m_host.Get());
@@ -57,7 +57,7 @@ int Page::Run(const std::wstring& scriptText)
     case ScriptOutcome::Kind::Quit:
         return outcome.quitCode;
     case ScriptOutcome::Kind::Failed:
-        WriteStderr(L"tarnhost: script error: " + outcome.error);
+        TarnTools::WriteStderr(L"tarnhost: script error: " + outcome.error);
         return ExitScriptError;
     case ScriptOutcome::Kind::Completed:
         break;

@@ -2,6 +2,8 @@
 
 #include "VariantText.h"
 
+#include "TarnBase/win/Owners.h"
+
 namespace TarnHost {
 namespace {
 
@@ -52,37 +54,39 @@ HRESULT STDMETHODCALLTYPE PropertyBag::Read(LPCOLESTR pszPropName, VARIANT* pVar
         return E_INVALIDARG;
 
     const VARTYPE wanted = V_VT(pVar);
-    VARIANT text;
-    ::VariantInit(&text);
-    V_VT(&text) = VT_BSTR;
-    V_BSTR(&text) = ::SysAllocStringLen(value->data(), static_cast<UINT>(value->size()));
-    if (!V_BSTR(&text))
+    // The caller's VARIANT is cleared and overwritten only once the answer is ready: its
+    // old contents belong to the caller until then.
+    TarnBase::UniqueBstr text(::SysAllocStringLen(value->data(), static_cast<UINT>(value->size())));
+    if (!text)
         return E_OUTOFMEMORY;
     if (wanted == VT_EMPTY || wanted == VT_BSTR) {
         ::VariantClear(pVar);
-        *pVar = text; // ownership moves to the caller
+        V_VT(pVar) = VT_BSTR;
+        V_BSTR(pVar) = text.Release(); // ownership moves to the caller
         return S_OK;
     }
 
+    VARIANT source;
+    V_VT(&source) = VT_BSTR;
+    V_BSTR(&source) = text.Get();  // borrowed: `text` frees it
     VARIANT converted;
     ::VariantInit(&converted);
-    const HRESULT hr = ::VariantChangeTypeEx(&converted, &text, kInvariantLcid, 0, wanted);
-    ::VariantClear(&text);
+    const HRESULT hr = ::VariantChangeTypeEx(&converted, &source, kInvariantLcid, 0, wanted);
     if (FAILED(hr)) {
         // Tell the caller's error log which parameter was malformed, as a browser does.
         if (pErrorLog) {
+            const TarnBase::UniqueBstr sourceName(::SysAllocString(L"tarnhost"));
+            const TarnBase::UniqueBstr description(::SysAllocString(L"parameter value has the wrong type"));
             EXCEPINFO info{};
             info.scode = hr;
-            info.bstrSource = ::SysAllocString(L"tarnhost");
-            info.bstrDescription = ::SysAllocString(L"parameter value has the wrong type");
+            info.bstrSource = sourceName.Get();
+            info.bstrDescription = description.Get();
             pErrorLog->AddError(pszPropName, &info);
-            ::SysFreeString(info.bstrSource);
-            ::SysFreeString(info.bstrDescription);
         }
         return hr;
     }
     ::VariantClear(pVar);
-    *pVar = converted;
+    *pVar = converted; // ownership moves to the caller
     return S_OK;
 }
 

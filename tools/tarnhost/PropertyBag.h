@@ -3,7 +3,7 @@
 // IPersistPropertyBag::Load. Names compare without regard to case, as HTML attribute
 // names do; values are kept as strings.
 
-#include "ComObject.h"
+#include "TarnBase/win/ComObject.h"
 
 #include <ocidl.h>
 
@@ -13,7 +13,7 @@
 
 namespace TarnHost {
 
-class PropertyBag final : public ComObject<IPropertyBag> {
+class PropertyBag final : public TarnBase::ComObject<IPropertyBag> {
 public:
     PropertyBag() = default;
 

@@ -2,6 +2,10 @@
 
 #include "HostError.h"
 
+#include "TarnBase/win/Owners.h"
+
+#include <utility>
+
 namespace TarnHost {
 namespace {
 
@@ -14,10 +18,8 @@ constexpr HRESULT kQuitUnwind = E_ABORT;
 
 std::wstring TakeText(BSTR& text)
 {
-    std::wstring result = text ? std::wstring(text, ::SysStringLen(text)) : std::wstring();
-    ::SysFreeString(text);
-    text = nullptr;
-    return result;
+    const TarnBase::UniqueBstr owned(std::exchange(text, nullptr));
+    return owned ? std::wstring(owned.Get(), ::SysStringLen(owned.Get())) : std::wstring();
 }
 
 // "<description> (line N)"; the line is left out only when the engine does not know it.

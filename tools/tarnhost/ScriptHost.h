@@ -3,7 +3,7 @@
 // object as named items. Also the engine's way back to the page's services, so objects
 // the script creates itself find the same browser as the page's controls.
 
-#include "ComObject.h"
+#include "TarnBase/win/ComObject.h"
 #include "Options.h"
 
 #include <activscp.h>
@@ -22,7 +22,7 @@ struct ScriptOutcome {
     std::wstring error; // for Failed: "<description> (line N)"
 };
 
-class ScriptHost final : public ComObject<IActiveScriptSite, IServiceProvider> {
+class ScriptHost final : public TarnBase::ComObject<IActiveScriptSite, IServiceProvider> {
 public:
     // `pageServices` null: the page offers the engine no services (no site, or one without).
     ScriptHost(Language language, Microsoft::WRL::ComPtr<IServiceProvider> pageServices);

@@ -3,7 +3,7 @@
 // maps zones. A browser's manager is what a control should ask first; giving ours fixed
 // answers lets a test put a page in any zone without touching the registry.
 
-#include "ComObject.h"
+#include "TarnBase/win/ComObject.h"
 #include "Options.h"
 
 #include <urlmon.h>
@@ -13,7 +13,7 @@
 
 namespace TarnHost {
 
-class SecurityManager final : public ComObject<IInternetSecurityManager> {
+class SecurityManager final : public TarnBase::ComObject<IInternetSecurityManager> {
 public:
     explicit SecurityManager(std::vector<ZoneRule> rules);
 

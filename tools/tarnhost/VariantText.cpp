@@ -1,5 +1,7 @@
 #include "VariantText.h"
 
+#include "TarnBase/win/Owners.h"
+
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -48,14 +50,13 @@ std::wstring NumberToText(double value)
 HRESULT VariantToText(const VARIANT& value, const wchar_t* emptyText, std::wstring* text)
 {
     // VBScript hands variables over by reference; look through to the value.
-    VARIANT plain;
-    ::VariantInit(&plain);
-    HRESULT hr = ::VariantCopyInd(&plain, const_cast<VARIANT*>(&value));
+    TarnBase::UniqueVariant plain;
+    HRESULT hr = ::VariantCopyInd(plain.Get(), const_cast<VARIANT*>(&value));
     if (FAILED(hr))
         return hr;
 
     hr = S_OK;
-    switch (V_VT(&plain)) {
+    switch (V_VT(plain.Get())) {
     case VT_EMPTY:
         *text = emptyText;
         break;
@@ -63,41 +64,38 @@ HRESULT VariantToText(const VARIANT& value, const wchar_t* emptyText, std::wstri
         *text = L"null";
         break;
     case VT_BOOL:
-        *text = V_BOOL(&plain) ? L"true" : L"false";
+        *text = V_BOOL(plain.Get()) ? L"true" : L"false";
         break;
     case VT_BSTR:
-        *text = V_BSTR(&plain) ? std::wstring(V_BSTR(&plain), ::SysStringLen(V_BSTR(&plain))) : std::wstring();
+        *text = V_BSTR(plain.Get()) ? std::wstring(V_BSTR(plain.Get()), ::SysStringLen(V_BSTR(plain.Get()))) : std::wstring();
         break;
     case VT_R8:
-        *text = NumberToText(V_R8(&plain));
+        *text = NumberToText(V_R8(plain.Get()));
         break;
     case VT_R4:
-        *text = NumberToText(V_R4(&plain));
+        *text = NumberToText(V_R4(plain.Get()));
         break;
     case VT_DISPATCH:
     case VT_UNKNOWN:
-        if (!V_UNKNOWN(&plain)) {
+        if (!V_UNKNOWN(plain.Get())) {
             *text = L"null";
             break;
         }
         [[fallthrough]];
     default: {
         // Integers, dates, currency, and objects through their default property.
-        VARIANT converted;
-        ::VariantInit(&converted);
-        hr = ::VariantChangeTypeEx(&converted, &plain, kInvariantLcid, VARIANT_ALPHABOOL, VT_BSTR);
-        if (SUCCEEDED(hr))
-            *text = V_BSTR(&converted) ? std::wstring(V_BSTR(&converted), ::SysStringLen(V_BSTR(&converted)))
-                                       : std::wstring();
-        else if (V_VT(&plain) == VT_DISPATCH || V_VT(&plain) == VT_UNKNOWN) {
+        TarnBase::UniqueVariant converted;
+        hr = ::VariantChangeTypeEx(converted.Get(), plain.Get(), kInvariantLcid, VARIANT_ALPHABOOL, VT_BSTR);
+        if (SUCCEEDED(hr)) {
+            const BSTR convertedText = V_BSTR(converted.Get());
+            *text = convertedText ? std::wstring(convertedText, ::SysStringLen(convertedText)) : std::wstring();
+        } else if (V_VT(plain.Get()) == VT_DISPATCH || V_VT(plain.Get()) == VT_UNKNOWN) {
             *text = L"[object]";
             hr = S_OK;
         }
-        ::VariantClear(&converted);
         break;
     }
     }
-    ::VariantClear(&plain);
     return hr;
 }
 

@@ -2,7 +2,7 @@
 // The page's browser as a control sees it through SID_SWebBrowserApp. Only the location
 // URL is real; every other member answers E_NOTIMPL, since nothing on a test page needs it.
 
-#include "ComObject.h"
+#include "TarnBase/win/ComObject.h"
 
 #include <exdisp.h>
 
@@ -10,7 +10,7 @@
 
 namespace TarnHost {
 
-class WebBrowser final : public ComObject<IWebBrowser2> {
+class WebBrowser final : public TarnBase::ComObject<IWebBrowser2> {
 public:
     // With `locationFails`, get_LocationURL answers E_FAIL: a browser that has no page yet.
     WebBrowser(std::wstring locationUrl, bool locationFails);

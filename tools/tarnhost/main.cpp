@@ -3,12 +3,14 @@
 
 #include "HostError.h"
 #include "Options.h"
-#include "Output.h"
 #include "Page.h"
 #include "ScriptFile.h"
 
+#include "TarnBase/win/Owners.h"
+#include "tools/common/CommandLine.h"
+#include "tools/common/Console.h"
+
 #include <windows.h>
-#include <shellapi.h>
 
 #include <exception>
 #include <string>
@@ -18,39 +20,17 @@ namespace {
 
 using namespace TarnHost;
 
-class ComApartment {
-public:
-    ComApartment()
-    {
-        const HRESULT hr = ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-        if (FAILED(hr))
-            throw ComError(L"CoInitializeEx", hr);
-    }
-    ~ComApartment() { ::CoUninitialize(); }
-    ComApartment(const ComApartment&) = delete;
-    ComApartment& operator=(const ComApartment&) = delete;
-};
-
-std::vector<std::wstring> CommandLineArguments()
-{
-    int count = 0;
-    wchar_t** argv = ::CommandLineToArgvW(::GetCommandLineW(), &count);
-    std::vector<std::wstring> args;
-    for (int i = 1; argv && i < count; ++i)
-        args.emplace_back(argv[i]);
-    ::LocalFree(argv);
-    return args;
-}
-
 int RunHost()
 {
-    const Options options = ParseOptions(CommandLineArguments());
+    const Options options = ParseOptions(TarnTools::CommandLineArguments());
     if (options.showHelp) {
-        WriteStdout(UsageText());
+        TarnTools::WriteStdout(UsageText());
         return ExitOk;
     }
     const std::wstring script = ReadScriptFile(options.scriptPath);
-    ComApartment apartment;
+    const TarnBase::ComApartment apartment;
+    if (FAILED(apartment.Result()))
+        throw ComError(L"CoInitializeEx", apartment.Result());
     Page page(options);
     return page.Run(script);
 }
@@ -62,10 +42,10 @@ int main()
     try {
         return RunHost();
     } catch (const HostError& error) {
-        WriteStderr(L"tarnhost: " + error.message);
+        TarnTools::WriteStderr(L"tarnhost: " + error.message);
         return error.exitCode;
     } catch (const std::exception& error) {
-        WriteStderr(L"tarnhost: internal error: " + FromUtf8(error.what()));
+        TarnTools::WriteStderr(L"tarnhost: internal error: " + TarnTools::FromUtf8(error.what()));
         return ExitComFailure;
     }
 }

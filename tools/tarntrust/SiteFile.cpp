@@ -1,7 +1,8 @@
 #include "SiteFile.h"
 
 #include "TarnSM/SiteList.h"
-#include "TarnSM/TrustDataModule.h"
+#include "tools/tarntrust/SiteListLint.h"
+#include "tools/tarntrust/TrustDataModule.h"
 
 #include <sstream>
 

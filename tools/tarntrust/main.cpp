@@ -5,7 +5,7 @@
 #include "SiteFile.h"
 
 #include "TarnSM/SiteList.h"
-#include "TarnSM/TrustDataModule.h"
+#include "tools/tarntrust/TrustDataModule.h"
 #include "TarnSM/win/TrustDataFile.h"
 #include "TarnSM/win/TrustedSigners.h"
 #include "TarnBase/Exceptions.h"

@@ -19,7 +19,7 @@ using Microsoft::WRL::ComPtr;
 namespace {
 
 // Records what the host does to a control, in order.
-class ProbeControl final : public ComObject<IDispatch, IObjectSafety, IPersistPropertyBag, IObjectWithSite> {
+class ProbeControl final : public TarnBase::ComObject<IDispatch, IObjectSafety, IPersistPropertyBag, IObjectWithSite> {
 public:
     DWORD supported = INTERFACESAFE_FOR_UNTRUSTED_CALLER | INTERFACESAFE_FOR_UNTRUSTED_DATA;
     HRESULT setSafetyResult = S_OK;
@@ -62,24 +62,24 @@ ComPtr<IUnknown> Unknown(ProbeControl* control) { return ComPtr<IUnknown>(static
 
 TEST_CASE("a control is made safe first, then given its parameters, then sited, and unsited once; or not used")
 {
-    auto control = MakeCom<ProbeControl>();
-    auto bag = MakeCom<PropertyBag>();
+    auto control = TarnBase::MakeCom<ProbeControl>();
+    auto bag = TarnBase::MakeCom<PropertyBag>();
     bag->Set(L"VendorID", L"acme");
-    auto site = MakeCom<BrowserSite>(SiteMode::Normal, L"http://h/", nullptr);
+    auto site = TarnBase::MakeCom<BrowserSite>(SiteMode::Normal, L"http://h/", nullptr);
     Control placed = InitializeControl(Unknown(control.Get()), 2, L"probe", bag.Get(), site.Get());
     CHECK(placed.scriptName == L"TarnSM2");
     UnsiteControl(placed);
     UnsiteControl(placed);
     CHECK(control->calls == std::vector<std::string>{"Get IDispatch", "Set IDispatch 1", "Get bag", "Set bag 2", "Load",
                                                      "SetSite", "SetSite null"});
-    auto pageless = MakeCom<ProbeControl>();
+    auto pageless = TarnBase::MakeCom<ProbeControl>();
     Control unsited = InitializeControl(Unknown(pageless.Get()), 1, L"p", nullptr, nullptr);
     UnsiteControl(unsited);
     CHECK(pageless->calls.back() == "InitNew");
     // A control that is not safe for scripting, or refuses the options, is not used.
-    auto partial = MakeCom<ProbeControl>();
+    auto partial = TarnBase::MakeCom<ProbeControl>();
     partial->supported = INTERFACESAFE_FOR_UNTRUSTED_DATA;
-    auto refusing = MakeCom<ProbeControl>();
+    auto refusing = TarnBase::MakeCom<ProbeControl>();
     refusing->setSafetyResult = E_FAIL;
     for (ProbeControl* control : {partial.Get(), refusing.Get()}) {
         CHECK_THROWS_AS(InitializeControl(Unknown(control), 1, L"p", nullptr, nullptr), HostError);

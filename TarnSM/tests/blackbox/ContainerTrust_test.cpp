@@ -4,8 +4,8 @@
 // No test here writes the shared trusted-process table (tarngrant's tests do, alone).
 #include "PageHost.h"
 #include "Registry.h"
-#include "TarnSM/win/ContainerState.h"
-#include "TarnUtils/win/Bstr.h"
+#include "TarnSM/ContainerNames.h"
+#include "TarnBase/win/Owners.h"
 
 #include <doctest.h>
 
@@ -131,7 +131,7 @@ TEST_CASE("in one process: the vendor's list is read once and kept for the proce
     // The vendor is process-wide: whatever happens here, later tests must see none.
     struct Reset {
         ITarnSM* control;
-        void Set(const std::string& id) const { control->put_VendorID(TarnUtils::UniqueBstr(::SysAllocString(Widen(id).c_str())).Get()); }
+        void Set(const std::string& id) const { control->put_VendorID(TarnBase::UniqueBstr(::SysAllocString(Widen(id).c_str())).Get()); }
         ~Reset() { Set(""); }
     } reset{control.Get()};
     reset.Set(vendor.Name());

@@ -95,7 +95,7 @@ TEST_SUITE("the control's standard interfaces")
             ::SysFreeString(value);
             return copy;
         };
-        auto bag = TarnHost::MakeCom<TarnHost::PropertyBag>();
+        auto bag = TarnBase::MakeCom<TarnHost::PropertyBag>();
         bag->Set(L"VendorID", L"param-vendor");
         CHECK(persist->InitNew() == S_OK);
         CHECK(persist->Load(bag.Get(), nullptr) == S_OK);
@@ -105,7 +105,7 @@ TEST_SUITE("the control's standard interfaces")
         bag->Set(L"TrustedSiteDataFileURL", L"https://cdn.example/t.dll");
         CHECK(persist->Load(bag.Get(), nullptr) == S_OK);
         CHECK(text(control.Get(), false) == L"https://cdn.example/t.dll");
-        auto saved = TarnHost::MakeCom<TarnHost::PropertyBag>();
+        auto saved = TarnBase::MakeCom<TarnHost::PropertyBag>();
         CHECK(persist->Save(saved.Get(), TRUE, TRUE) == S_OK);
         REQUIRE(saved->Find(L"TrustedSiteDataFileURL"));
         REQUIRE(saved->Find(L"VendorID"));

@@ -191,7 +191,7 @@ TEST_CASE("the cache keeps each scheme's lists: an https and an http page share 
     auto ask = [&](const wchar_t* page) {
         ComPtr<ITarnSM> control = CreateControl();
         REQUIRE(control);
-        auto site = TarnHost::MakeCom<TarnHost::BrowserSite>(TarnHost::SiteMode::Normal, page, nullptr);
+        auto site = TarnBase::MakeCom<TarnHost::BrowserSite>(TarnHost::SiteMode::Normal, page, nullptr);
         ComPtr<IObjectWithSite> withSite;
         REQUIRE(control.As(&withSite) == S_OK);
         REQUIRE(withSite->SetSite(static_cast<IServiceProvider*>(site.Get())) == S_OK);

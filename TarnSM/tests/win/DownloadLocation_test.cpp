@@ -8,7 +8,7 @@
 #include "TarnSM/win/CTarnSM.h"
 #include "TarnSM/win/TrustDataDownload.h"
 #include "Scratch.h"
-#include "TarnUtils/win/Bstr.h"
+#include "TarnBase/win/Owners.h"
 
 #include <doctest.h>
 
@@ -22,7 +22,7 @@ std::string PageDir() { return "http://www.tarn-test.example/" + Unique("p"); }
 
 void Put(const Control& control, const wchar_t* value)
 {
-    TarnUtils::UniqueBstr text(value ? ::SysAllocString(value) : nullptr);
+    TarnBase::UniqueBstr text(value ? ::SysAllocString(value) : nullptr);
     REQUIRE(control->put_TrustedSiteDataFileURL(text.Get()) == S_OK);
 }
 
@@ -32,7 +32,7 @@ Control Sited(const std::string& page, const wchar_t* property = nullptr)
     control.Attach(new TarnSMX::CTarnSM());
     if (property)
         Put(control, property);
-    auto site = TarnHost::MakeCom<TarnHost::BrowserSite>(TarnHost::SiteMode::Normal, Widen(page), nullptr);
+    auto site = TarnBase::MakeCom<TarnHost::BrowserSite>(TarnHost::SiteMode::Normal, Widen(page), nullptr);
     REQUIRE(control->SetSite(static_cast<IServiceProvider*>(site.Get())) == S_OK);
     return control;
 }

@@ -2,8 +2,8 @@
 // between the signature check and the read, and read even when its optional signer list
 // cannot be narrowed.
 #include "Scratch.h"
-#include "TarnSM/TrustDataModule.h"
-#include "TarnSM/win/TempFile.h"
+#include "tools/tarntrust/TrustDataModule.h"
+#include "TarnUtils/win/TempFile.h"
 #include "TarnSM/win/TrustDataFile.h"
 #include "TarnUtils/win/StringConvert.h"
 
@@ -13,11 +13,11 @@ TEST_CASE("a held data file can be read but not written, replaced, renamed or de
 {
     // String 103 holds U+0080, which the ANSI code page cannot hold exactly.
     const auto module = TarnSMX::BuildTrustDataModule({{102, "+example.com"}, {103, "SiteSigner\n\x80Signer"}});
-    const std::wstring path = TarnSMX::CreateUniqueTempFile(L"PTI");
+    const std::wstring path = TarnUtils::CreateUniqueTempFile(L"PTI");
     REQUIRE(TarnTest::WriteBytes(path, std::string(module.begin(), module.end())));
     const std::wstring moved = path + L".moved";
     {
-        TarnBase::UniqueFile held = TarnSMX::HoldForReading(path);
+        TarnBase::UniqueFile held = TarnUtils::HoldForReading(path);
         REQUIRE(held);
         TarnBase::UniqueFile writer(
             ::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,

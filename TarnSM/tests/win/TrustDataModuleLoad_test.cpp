@@ -1,7 +1,7 @@
 // The system loader must accept what the builder writes: every string of the input loads
 // whole, and ids the input does not hold are empty.
 #include "Scratch.h"
-#include "TarnSM/TrustDataModule.h"
+#include "tools/tarntrust/TrustDataModule.h"
 
 #include <doctest.h>
 

@@ -1,5 +1,6 @@
 // The trusted-process table through its real named mutex and mapping. These tests share
 // the machine-wide table, so they run alone (SERIAL) and remove every entry they add.
+#include "tools/tarngrant/TrustTableWriter.h"
 #include "TarnSys/win/DynamicProcessTrust.h"
 
 #include "TarnBase/Exceptions.h"
@@ -16,6 +17,7 @@
 #include <vector>
 
 using namespace TarnSys;
+using TarnGrant::GrantResult;
 
 namespace {
 
@@ -31,7 +33,7 @@ struct Cleanup {
     {
         DynamicProcessTrust table;
         for (const auto& pid : pids)
-            table.RevokeProcess(pid);
+            TarnGrant::RevokeProcess(table, pid);
     }
 };
 
@@ -61,9 +63,9 @@ TEST_CASE("the first holder creates the table, a second opens it; a grant is fou
     REQUIRE(first.Initialize());
     // The program runs alone (SERIAL) and every object of an earlier case is gone: this one creates.
     REQUIRE(first.CreatedTable());
-    CHECK(first.ListProcesses().empty());
+    CHECK(TarnGrant::ListProcesses(first).empty());
     uint32_t index = 99;
-    REQUIRE(first.GrantProcess(kPid, kPath, &index) == GrantResult::Granted);
+    REQUIRE(TarnGrant::GrantProcess(first, kPid, kPath, &index) == GrantResult::Granted);
     DynamicProcessTrust table;
     REQUIRE(table.Initialize());
     CHECK_FALSE(table.CreatedTable());
@@ -92,7 +94,7 @@ TEST_CASE("the first holder creates the table, a second opens it; a grant is fou
     CHECK(std::all_of(raw.Bytes() + EntryOffset(index), raw.Bytes() + EntryOffset(index) + kTableEntryBytes,
                       [](uint8_t b) { return b == 0; }));
     // Paths that differ only in letter case are trusted and cleared.
-    REQUIRE(table.GrantProcess(kPid, L"z:\\tmp\\Host\\MSHTA.EXE") == GrantResult::Granted);
+    REQUIRE(TarnGrant::GrantProcess(table, kPid, L"z:\\tmp\\Host\\MSHTA.EXE") == GrantResult::Granted);
     CHECK(table.IsTrustedProcess(kPid, L"Z:\\TMP\\host\\mshta.exe"));
     CHECK(table.ClearTrustedProcess(kPid, L"Z:\\TMP\\host\\mshta.exe"));
     // Identifiers: 256 characters are searched, 257 refused.
@@ -118,17 +120,17 @@ TEST_CASE("a full table refuses a sixteenth grant; a grant for a listed pid repl
         {kPid, L"", GrantResult::PathNotStorable},
     };
     for (const auto& row : refusals)
-        CHECK(table.GrantProcess(row.pid, row.path) == row.result);
+        CHECK(TarnGrant::GrantProcess(table, row.pid, row.path) == row.result);
     for (const std::wstring& pid : {std::wstring(), std::wstring(L"\0", 1), kPid})
-        CHECK(table.RevokeProcess(pid) == 0);
+        CHECK(TarnGrant::RevokeProcess(table, pid) == 0);
 
-    for (size_t i = table.ListProcesses().size(); i < kTableEntryCount; ++i) {
+    for (size_t i = TarnGrant::ListProcesses(table).size(); i < kTableEntryCount; ++i) {
         cleanup.pids.push_back(std::to_wstring(3999999910ul + i));
-        REQUIRE(table.GrantProcess(cleanup.pids.back(), kPath) == GrantResult::Granted);
+        REQUIRE(TarnGrant::GrantProcess(table, cleanup.pids.back(), kPath) == GrantResult::Granted);
     }
-    CHECK(table.GrantProcess(kPid, kPath) == GrantResult::TableFull);
+    CHECK(TarnGrant::GrantProcess(table, kPid, kPath) == GrantResult::TableFull);
     CHECK_FALSE(table.IsTrustedProcess(kPid, kPath));
-    CHECK(table.GrantProcess(cleanup.pids.back(), L"C:\\other.exe") == GrantResult::Replaced);
+    CHECK(TarnGrant::GrantProcess(table, cleanup.pids.back(), L"C:\\other.exe") == GrantResult::Replaced);
     CHECK(table.IsTrustedProcess(cleanup.pids.back(), L"C:\\other.exe"));
 }
 
@@ -140,7 +142,7 @@ TEST_CASE("threads racing for one grant: exactly one clears or consumes it; none
     DynamicProcessTrust writer;  // keeps the table alive for the whole case
     for (const bool consume : {false, true}) {
         CAPTURE(consume);
-        REQUIRE(writer.GrantProcess(kPid, kPath) == GrantResult::Granted);
+        REQUIRE(TarnGrant::GrantProcess(writer, kPid, kPath) == GrantResult::Granted);
         std::atomic<int> won{0};
         std::vector<std::thread> threads;
         for (int t = 0; t < 6; ++t)
@@ -155,7 +157,7 @@ TEST_CASE("threads racing for one grant: exactly one clears or consumes it; none
         CHECK(won == 1);
         CHECK_FALSE(writer.IsTrustedProcess(kPid, kPath));
     }
-    REQUIRE(writer.GrantProcess(kPid, kPath) == GrantResult::Granted);
+    REQUIRE(TarnGrant::GrantProcess(writer, kPid, kPath) == GrantResult::Granted);
     std::atomic<bool> held{false}, done{false};
     std::thread holder([&] {
         DynamicProcessTrust other;
@@ -182,7 +184,7 @@ TEST_CASE("a mapping of that name made too small by another process is refused")
     CHECK_FALSE(table.Initialize());
     CHECK_FALSE(table.IsTrustedProcess(kPid, kPath));
     CHECK_FALSE(table.ClearTrustedProcess(kPid, kPath));
-    CHECK(table.GrantProcess(kPid, kPath) == GrantResult::Unavailable);
+    CHECK(TarnGrant::GrantProcess(table, kPid, kPath) == GrantResult::Unavailable);
     TarnTest::ExpectInOrder(log, {{"", -1, "InitMemoryMap():  Failed to create/open shared memory. HRESULT = <0x8007..."},
                                   {"", 1, "IsTrustedProcess():  Failed to intialize shared memory."},
                                   {"", 1, "ClearTrustedProcess():  Failed to intialize shared memory."}});

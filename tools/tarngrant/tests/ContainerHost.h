@@ -1,6 +1,7 @@
 #pragma once
 // tarngrant and the machine-wide trusted-process table, as the tarngrant tests see them.
 
+#include "tools/tarngrant/TrustTableWriter.h"
 #include "ChildProcess.h"
 #include "PageHost.h"
 #include "TarnBase/KernelObjectName.h"
@@ -30,11 +31,11 @@ struct Table {
     ~Table()
     {
         for (const auto& pid : pids)
-            table.RevokeProcess(pid);
+            TarnGrant::RevokeProcess(table, pid);
     }
     bool Holds(DWORD pid)
     {
-        for (const auto& entry : table.ListProcesses())
+        for (const auto& entry : TarnGrant::ListProcesses(table))
             if (entry.pid == std::to_wstring(pid))
                 return true;
         return false;

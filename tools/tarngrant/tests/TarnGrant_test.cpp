@@ -1,4 +1,5 @@
 // tarngrant.exe as a support engineer or a test uses it: commands, refusals, output.
+#include "tools/tarngrant/TrustTableWriter.h"
 #include "ContainerHost.h"
 
 #include "TarnSys/TrustTable.h"
@@ -52,7 +53,7 @@ TEST_CASE("tarngrant usage and refusal table: exit code and the one line that sa
         CHECK(run.exitCode == row.exit);
         CHECK(run.err.compare(0, row.err.size(), row.err) == 0);
     }
-    CHECK(table.table.ListProcesses().empty());
+    CHECK(TarnGrant::ListProcesses(table.table).empty());
     CHECK(RunGrant({L"grant", Self(), longest}).exitCode == 0);
     CHECK(table.table.IsTrustedProcess(Self(), longest));
 }
@@ -60,14 +61,14 @@ TEST_CASE("tarngrant usage and refusal table: exit code and the one line that sa
 TEST_CASE("tarngrant: a full table refuses; a second grant replaces; list decrypts; revoke twice")
 {
     Table table;
-    for (size_t i = table.table.ListProcesses().size(); i < TarnSys::kTableEntryCount; ++i) {
+    for (size_t i = TarnGrant::ListProcesses(table.table).size(); i < TarnSys::kTableEntryCount; ++i) {
         table.pids.push_back(std::to_wstring(3999999950ul + i));
-        REQUIRE(table.table.GrantProcess(table.pids.back(), L"Z:\\tmp\\J\u00f6rg\\host.exe") == TarnSys::GrantResult::Granted);
+        REQUIRE(TarnGrant::GrantProcess(table.table, table.pids.back(), L"Z:\\tmp\\J\u00f6rg\\host.exe") == TarnGrant::GrantResult::Granted);
     }
     const auto full = RunGrant({L"grant", Self(), L"C:\\x.exe"});
     CHECK(full.exitCode == 1);
     CHECK(full.err == "tarngrant: the table is full (15 entries in use); nothing granted\n");
-    table.table.RevokeProcess(table.pids.back());
+    TarnGrant::RevokeProcess(table.table, table.pids.back());
     table.pids.push_back(Self());
     CHECK(RunGrant({L"grant", Self(), L"C:\\first.exe"}).exitCode == 0);
     CHECK(RunGrant({L"grant", Self(), L"C:\\Program Files\\second.exe"}).exitCode == 0);
@@ -82,7 +83,7 @@ TEST_CASE("tarngrant: a full table refuses; a second grant replaces; list decryp
     // An entry whose path field decrypts to control characters is listed printably.
     TableBytes bytes;
     for (size_t k = 0; k < TarnSys::kPathFieldBytes; ++k)
-        bytes.Get()[TarnSys::EntryOffset(table.table.ListProcesses()[0].index) + TarnSys::kPidFieldBytes + k] =
+        bytes.Get()[TarnSys::EntryOffset(TarnGrant::ListProcesses(table.table)[0].index) + TarnSys::kPidFieldBytes + k] =
             static_cast<uint8_t>(0x11 + k % 7);
     for (char c : RunGrant({L"list"}).out)
         CHECK((static_cast<unsigned char>(c) >= 0x20 || c == '\n'));

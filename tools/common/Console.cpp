@@ -1,8 +1,8 @@
-#include "Output.h"
+#include "tools/common/Console.h"
 
 #include <windows.h>
 
-namespace TarnHost {
+namespace TarnTools {
 namespace {
 
 void WriteLine(DWORD which, const std::wstring& text)
@@ -55,4 +55,4 @@ std::wstring FromUtf8(const std::string& text)
     return wide;
 }
 
-} // namespace TarnHost
+} // namespace TarnTools

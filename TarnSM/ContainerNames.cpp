@@ -1,4 +1,4 @@
-#include "TarnSM/win/ContainerState.h"
+#include "TarnSM/ContainerNames.h"
 
 #include "TarnSM/AltTrustList.h"
 

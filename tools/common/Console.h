@@ -1,9 +1,9 @@
 #pragma once
-// Text in and out of the process: lines to stdout/stderr and the conversions they need.
+// The tools' console output: lines to stdout/stderr and the conversions they need.
 
 #include <string>
 
-namespace TarnHost {
+namespace TarnTools {
 
 // Writes `text` and CR LF. A console gets UTF-16 directly; a pipe or file gets UTF-8, so a
 // test reading the output never depends on the console code page.
@@ -13,4 +13,4 @@ void WriteStderr(const std::wstring& text);
 std::string ToUtf8(const std::wstring& text);
 std::wstring FromUtf8(const std::string& text);
 
-} // namespace TarnHost
+} // namespace TarnTools

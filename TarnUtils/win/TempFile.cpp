@@ -1,11 +1,10 @@
-#include "TarnSM/win/TempFile.h"
+#include "TarnUtils/win/TempFile.h"
 
 #include "TarnBase/Throw.h"
-#include "TarnSM/win/ScriptBoundary.h"
 
 #include <windows.h>
 
-namespace TarnSMX {
+namespace TarnUtils {
 namespace {
 
 const char kFileManagerClass[] = "TarnUtilsLib::FileManager";
@@ -22,10 +21,10 @@ std::wstring TemporaryFolder()
     wchar_t windows[MAX_PATH] = {};
     const UINT windowsLength = ::GetWindowsDirectoryW(windows, MAX_PATH);
     if (windowsLength == 0 || windowsLength >= MAX_PATH)
-        TARN_THROW(kFileManagerClass, kSource, TarnUtils::CreateTempDirException);
+        TARN_THROW(kFileManagerClass, kSource, CreateTempDirException);
     std::wstring fallback = std::wstring(windows) + L"\\temp";
     if (!::CreateDirectoryW(fallback.c_str(), nullptr) && ::GetLastError() != ERROR_ALREADY_EXISTS)
-        TARN_THROW(kFileManagerClass, kSource, TarnUtils::CreateDirException);
+        TARN_THROW(kFileManagerClass, kSource, CreateDirException);
     return fallback;
 }
 
@@ -33,7 +32,7 @@ std::wstring CreateUniqueTempFile(const wchar_t* prefix)
 {
     const std::wstring folder = TemporaryFolder();
     if (folder.empty())
-        TARN_THROW(kFileManagerClass, kSource, TarnUtils::CreateTempDirException);
+        TARN_THROW(kFileManagerClass, kSource, CreateTempDirException);
     wchar_t path[MAX_PATH + 1] = {};
     // Unique number 0: the system picks the name and creates the file, so no other
     // process can take it between choosing and opening.
@@ -48,4 +47,4 @@ TarnBase::UniqueFile HoldForReading(const std::wstring& path)
                                               FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
-} // namespace TarnSMX
+} // namespace TarnUtils

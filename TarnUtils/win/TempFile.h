@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace TarnSMX {
+namespace TarnUtils {
 
 // Creates a new, empty, uniquely named file with the given prefix in the user's temporary
 // folder (or "temp" under the system folder when there is none) and returns its path.
@@ -19,4 +19,4 @@ TarnBase::UniqueFile HoldForReading(const std::wstring& path);
 // The folder CreateUniqueTempFile uses; throws as it does.
 std::wstring TemporaryFolder();
 
-} // namespace TarnSMX
+} // namespace TarnUtils

@@ -1,9 +1,12 @@
-#include "TarnLog/Log.h"
+#include "TarnBase/LogCall.h"
 
 #include <atomic>
+#include <cstdio>
 
-namespace TarnLog {
+namespace TarnBase {
 namespace {
+
+std::atomic<LogSink> g_sink{nullptr};
 
 struct ObserverSlot {
     Observer observer;
@@ -15,6 +18,26 @@ ObserverSlot g_storage[2];
 std::atomic<int> g_next{0};
 
 } // namespace
+
+void SetLogSink(LogSink sink) noexcept
+{
+    g_sink.store(sink);
+}
+
+void Log(const char* className, unsigned char level, const char* format, ...) noexcept
+{
+    va_list args;
+    va_start(args, format);
+    if (LogSink sink = g_sink.load()) {
+        sink(className, level, format, args);
+    } else if (format != nullptr) {
+        char message[2048];
+        if (std::vsnprintf(message, sizeof message, format, args) < 0)
+            std::snprintf(message, sizeof message, "%s", format);
+        NotifyObserver(className, level, message);
+    }
+    va_end(args);
+}
 
 void SetObserver(Observer observer, void* context) noexcept
 {
@@ -35,4 +58,4 @@ void NotifyObserver(const char* className, unsigned char level, const char* mess
         slot->observer(slot->context, className, level, message);
 }
 
-} // namespace TarnLog
+} // namespace TarnBase

@@ -1,6 +1,7 @@
-#include "TarnSM/TrustDataModule.h"
+#include "tools/tarntrust/TrustDataModule.h"
 
 #include "TarnBase/Throw.h"
+#include "TarnLog/Log.h"
 
 #include <algorithm>
 #include <cstring>

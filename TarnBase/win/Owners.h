@@ -1,0 +1,90 @@
+#pragma once
+// Owners of COM, automation and crypto allocations, built on the same UniqueResource as the
+// kernel-handle owners in Handle.h, so every free in the product goes through one place.
+
+#include "TarnBase/NoCopySemantics.h"
+#include "TarnBase/win/Handle.h"
+
+#include <objbase.h>
+#include <oleauto.h>
+#include <wincrypt.h>
+
+namespace TarnBase {
+
+// SysAllocString and every BSTR a COM call hands over.
+struct BstrTraits {
+    using Type = BSTR;
+    static Type Invalid() { return nullptr; }
+    static bool IsValid(Type s) { return s != nullptr; }
+    static void Close(Type s) { ::SysFreeString(s); }
+};
+using UniqueBstr = UniqueResource<BstrTraits>;
+
+// Memory a COM call allocated with CoTaskMemAlloc (ProgIDFromCLSID, GetDisplayName, ...).
+template <typename T>
+struct CoTaskMemTraits {
+    using Type = T*;
+    static Type Invalid() { return nullptr; }
+    static bool IsValid(Type p) { return p != nullptr; }
+    static void Close(Type p) { ::CoTaskMemFree(p); }
+};
+template <typename T>
+using UniqueCoTaskMem = UniqueResource<CoTaskMemTraits<T>>;
+
+// Certificate contexts (CryptVerifyMessageSignature's signer, CertCreateCertificateContext).
+struct CertContextTraits {
+    using Type = PCCERT_CONTEXT;
+    static Type Invalid() { return nullptr; }
+    static bool IsValid(Type c) { return c != nullptr; }
+    static void Close(Type c) { ::CertFreeCertificateContext(c); }
+};
+using UniqueCertContext = UniqueResource<CertContextTraits>;
+
+// FindFirstFile: INVALID_HANDLE_VALUE means "none", and FindClose, not CloseHandle, ends it.
+struct FindHandleTraits {
+    using Type = HANDLE;
+    static Type Invalid() { return INVALID_HANDLE_VALUE; }
+    static bool IsValid(Type h) { return h != nullptr && h != INVALID_HANDLE_VALUE; }
+    static void Close(Type h) { ::FindClose(h); }
+};
+using UniqueFindHandle = UniqueResource<FindHandleTraits>;
+
+// A VARIANT that is initialised on creation and cleared (freeing what it holds) on exit.
+class UniqueVariant : public NoCopySemantics {
+public:
+    UniqueVariant() noexcept { ::VariantInit(&m_value); }
+    ~UniqueVariant() { ::VariantClear(&m_value); }
+
+    VARIANT* Get() noexcept { return &m_value; }
+    const VARIANT* Get() const noexcept { return &m_value; }
+
+    // Clears what is held and returns the empty variant, for out-parameters.
+    VARIANT* Put() noexcept
+    {
+        ::VariantClear(&m_value);
+        return &m_value;
+    }
+
+private:
+    VARIANT m_value;
+};
+
+// The calling thread's COM apartment for as long as the object lives. Uninitialises only
+// when its own CoInitializeEx succeeded (S_FALSE included: that call still counts).
+class ComApartment : public NoCopySemantics {
+public:
+    explicit ComApartment(DWORD model = COINIT_APARTMENTTHREADED) noexcept
+        : m_result(::CoInitializeEx(nullptr, model)) {}
+    ~ComApartment()
+    {
+        if (SUCCEEDED(m_result))
+            ::CoUninitialize();
+    }
+
+    HRESULT Result() const noexcept { return m_result; }
+
+private:
+    HRESULT m_result;
+};
+
+} // namespace TarnBase
