@@ -30,29 +30,22 @@ std::string Format(const char* format, ...)
 
 TEST_CASE("the text form reads month first, hex ids, one bracket per field, and stays inside damaged fields")
 {
-    LogRecord record;
-    std::memset(&record, 0, sizeof record);
+    LogRecord record{};
     CopyField(record.processName, sizeof record.processName, "host.exe");
     CopyField(record.className, sizeof record.className, "TarnMT::Mutex");
     CopyField(record.message, sizeof record.message, "Throwing ...");
     record.processId = 0x1a4;
     record.threadId = 0x9c8;
     std::tm when{};
-    when.tm_year = 2009 - 1900;
-    when.tm_mon = 2;
-    when.tm_mday = 7;
-    when.tm_hour = 14;
-    when.tm_min = 5;
-    when.tm_sec = 9;
+    when.tm_year = 2009 - 1900, when.tm_mon = 2, when.tm_mday = 7, when.tm_hour = 14, when.tm_min = 5, when.tm_sec = 9;
     CHECK(FormatRecordText(record, when) ==
           "[03/07/2009 14:05:09][Process: host.exe][PID: 0x1a4][Thread: 0x9c8][Class: TarnMT::Mutex][Msg: Throwing ...]");
 
     // Fields without terminators (damage in the ring) stay inside their record.
     std::memset(record.processName, 'P', sizeof record.processName);
     std::memset(record.message, 'M', sizeof record.message);
-    const std::string text = FormatRecordText(record, when);
-    CHECK(text.find("[Process: " + std::string(32, 'P') + "]") != std::string::npos);
-    CHECK(text.find("[Msg: " + std::string(512, 'M') + "]") != std::string::npos);
+    CHECK(FormatRecordText(record, when) == "[03/07/2009 14:05:09][Process: " + std::string(32, 'P') +
+                                                "][PID: 0x1a4][Thread: 0x9c8][Class: TarnMT::Mutex][Msg: " + std::string(512, 'M') + "]");
 }
 
 TEST_CASE("formats are checked before they are used")
@@ -60,11 +53,8 @@ TEST_CASE("formats are checked before they are used")
     const struct { const char* format; bool valid; } table[] = {
         {"plain text", true},
         {"%d %u %s %% %c %p %x %X %08.3f %-5s %*d %.*s %I64d %I32u %ld %lld %hs %ls %ws %S", true},
-        {"%n", false},  // would write through an argument
-        {"%5n", false},
-        {"ends with %", false},
-        {"%y", false},
-        {nullptr, false},
+        {"%n", false}, {"%5n", false},  // would write through an argument
+        {"ends with %", false}, {"%y", false}, {nullptr, false},
     };
     for (const auto& row : table)
         CHECK(IsValidFormat(row.format) == row.valid);
@@ -72,7 +62,6 @@ TEST_CASE("formats are checked before they are used")
     CHECK(Format("HRESULT = <0x%08.8X>", 0x80004005u) == "HRESULT = <0x80004005>");
     const std::string long700(700, 'z');
     CHECK(Format("%s!", long700.c_str()) == long700 + "!");  // longer than the first buffer
-    CHECK(Format("bad %n") == "<invalid>");
 }
 
 TEST_CASE("a format that cannot be used is logged raw after a TarnLogLib record")

@@ -22,40 +22,28 @@
 namespace {
 
 struct Settings {
-    unsigned long count = 1;
-    unsigned long threads = 1;
-    unsigned long errorEvery = 0;
-    std::string startEvent;
-    std::string className = "LogWriter";
+    unsigned long count = 1, threads = 1, errorEvery = 0;
+    std::string startEvent, className = "LogWriter";
 };
 
 bool Parse(int argc, char** argv, Settings& settings)
 {
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (i + 1 >= argc)
-            return false;
-        const char* value = argv[++i];
-        if (arg == "--count")
-            settings.count = std::strtoul(value, nullptr, 10);
-        else if (arg == "--threads")
-            settings.threads = std::strtoul(value, nullptr, 10);
-        else if (arg == "--error-every")
-            settings.errorEvery = std::strtoul(value, nullptr, 10);
-        else if (arg == "--start-event")
-            settings.startEvent = value;
-        else if (arg == "--class")
-            settings.className = value;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string arg = argv[i], value = argv[i + 1];
+        if (arg == "--start-event" || arg == "--class")
+            (arg == "--class" ? settings.className : settings.startEvent) = value;
+        else if (arg == "--count" || arg == "--threads" || arg == "--error-every")
+            (arg == "--count" ? settings.count : arg == "--threads" ? settings.threads : settings.errorEvery) =
+                std::strtoul(value.c_str(), nullptr, 10);
         else
             return false;
     }
-    return settings.threads >= 1 && settings.threads <= 64;
+    return argc % 2 == 1 && settings.threads >= 1 && settings.threads <= 64;
 }
 
 void WriteRecords(const Settings& settings)
 {
-    const unsigned long pid = ::GetCurrentProcessId();
-    const unsigned long tid = ::GetCurrentThreadId();
+    const unsigned long pid = ::GetCurrentProcessId(), tid = ::GetCurrentThreadId();
     for (unsigned long seq = 0; seq < settings.count; ++seq) {
         const bool error = settings.errorEvery != 0 && seq % settings.errorEvery == settings.errorEvery - 1;
         TarnLog::Log(settings.className.c_str(), error ? 0 : 2, "logwriter pid=%lu tid=%lu seq=%lu", pid, tid, seq);
@@ -68,7 +56,7 @@ int main(int argc, char** argv)
 {
     Settings settings;
     if (!Parse(argc, argv, settings)) {
-        std::fprintf(stderr, "usage: logwriter [--count N] [--threads T] [--error-every K] [--start-event NAME] [--class NAME]\n");
+        std::fputs("usage: logwriter [--count N] [--threads T] [--error-every K] [--start-event NAME] [--class NAME]\n", stderr);
         return 2;
     }
     if (!settings.startEvent.empty()) {

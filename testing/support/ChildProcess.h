@@ -1,12 +1,14 @@
 #pragma once
 // The one process runner of the tests: a child with its output collected while it runs,
-// optionally started suspended (its id is known before it runs), killed when it outlives
-// its time-out or its owner, so no test can hang ctest.
+// optionally started suspended (its id is known before it runs) or on a console of its own
+// (so a test can send it Ctrl+C), killed when it outlives its time-out or its owner, so no
+// test can hang ctest.
 
 #include "TarnBase/win/Handle.h"
 
 #include <windows.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -91,7 +93,7 @@ inline std::wstring SourcePath(const std::string& relative)
 
 class Process {
 public:
-    explicit Process(const std::vector<std::wstring>& args, bool suspended = false)
+    explicit Process(const std::vector<std::wstring>& args, bool suspended = false, bool newConsole = false)
     {
         SECURITY_ATTRIBUTES inherit{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
         TarnBase::UniqueHandle outWrite, errWrite, nulIn;
@@ -112,7 +114,8 @@ public:
         startup.hStdOutput = outWrite.Get();
         startup.hStdError = errWrite.Get();
         PROCESS_INFORMATION info{};
-        if (!::CreateProcessW(nullptr, &commandLine[0], nullptr, nullptr, TRUE, suspended ? CREATE_SUSPENDED : 0,
+        if (!::CreateProcessW(nullptr, &commandLine[0], nullptr, nullptr, TRUE,
+                              (suspended ? CREATE_SUSPENDED : 0) | (newConsole ? CREATE_NEW_CONSOLE : 0),
                               nullptr, nullptr, &startup, &info))
             return;
         m_process.Reset(info.hProcess);
@@ -133,6 +136,31 @@ public:
     DWORD Pid() const { return m_pid; }
     HANDLE Handle() const { return m_process.Get(); }
     void Resume() { ::ResumeThread(m_thread.Get()); }
+    void Suspend() { ::SuspendThread(m_thread.Get()); }  // the main thread: enough to freeze a console program
+    // Without killing it; once it has ended, its output is all in.
+    bool Wait(DWORD timeoutMs)
+    {
+        const bool ended = ::WaitForSingleObject(m_process.Get(), timeoutMs) == WAIT_OBJECT_0;
+        if (ended && m_pump.joinable())
+            m_pump.join();
+        return ended;
+    }
+    DWORD ExitCode()
+    {
+        DWORD code = STILL_ACTIVE;
+        ::GetExitCodeProcess(m_process.Get(), &code);
+        return code;
+    }
+    std::string Out()
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        return m_out;
+    }
+    std::string Err()
+    {
+        std::lock_guard<std::mutex> lock(m_lock);
+        return m_err;
+    }
 
     // Waits until standard output holds `text` (true) or the time runs out (false).
     bool WaitForOutput(const std::string& text, DWORD timeoutMs)
@@ -208,6 +236,24 @@ private:
     std::string m_out, m_err;
     std::thread m_pump;
 };
+
+inline std::vector<std::string> Lines(const std::string& text)
+{
+    std::vector<std::string> lines;
+    for (size_t at = 0, end; at < text.size(); at = end + 1)
+        lines.push_back(text.substr(at, (end = std::min(text.find('\n', at), text.size())) - at));
+    return lines;
+}
+
+// Polls `condition` every 20 ms for at most `timeoutMs`.
+template <typename Condition>
+bool WaitUntil(Condition condition, DWORD timeoutMs)
+{
+    for (const ULONGLONG end = ::GetTickCount64() + timeoutMs; !condition(); ::Sleep(20))
+        if (::GetTickCount64() >= end)
+            return false;
+    return true;
+}
 
 inline ChildResult RunChild(const std::vector<std::wstring>& args, DWORD timeoutMs = 60000)
 {

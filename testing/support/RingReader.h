@@ -33,31 +33,16 @@ inline std::string Nonce()
            std::to_string(counter++);
 }
 
-inline std::string MessageOf(const TarnLog::LogRecord& record)
-{
-    return TarnLog::ReadField(record.message, sizeof record.message);
-}
-
-inline std::string ClassOf(const TarnLog::LogRecord& record)
-{
-    return TarnLog::ReadField(record.className, sizeof record.className);
-}
+inline std::string MessageOf(const TarnLog::LogRecord& r) { return TarnLog::ReadField(r.message, sizeof r.message); }
+inline std::string ClassOf(const TarnLog::LogRecord& r) { return TarnLog::ReadField(r.className, sizeof r.className); }
 
 inline uint32_t Le32(const uint8_t* at)
 {
-    return static_cast<uint32_t>(at[0]) | static_cast<uint32_t>(at[1]) << 8 | static_cast<uint32_t>(at[2]) << 16 |
-           static_cast<uint32_t>(at[3]) << 24;
+    return at[0] | at[1] << 8 | at[2] << 16 | static_cast<uint32_t>(at[3]) << 24;
 }
 
-inline std::string RingMappingName()
-{
-    return TarnBase::MakeKernelObjectName(TarnLog::kRingMappingName, true);
-}
-
-inline std::string RingMutexName()
-{
-    return TarnBase::MakeKernelObjectName(TarnLog::kRingMutexName, true);
-}
+inline std::string RingMappingName() { return TarnBase::MakeKernelObjectName(TarnLog::kRingMappingName, true); }
+inline std::string RingMutexName() { return TarnBase::MakeKernelObjectName(TarnLog::kRingMutexName, true); }
 
 // Holds the ring mutex of a handle for a scope. An abandoned mutex counts as taken, as it
 // does for the logger.
@@ -139,20 +124,20 @@ public:
         return TarnLog::SnapshotRing(bytes.data(), bytes.size(), snapshot, error);
     }
 
-    // The records of one process still in the ring, oldest first.
-    std::vector<TarnLog::LogRecord> RecordsOfProcess(DWORD processId)
+    // The records of one process still in the ring (whose message contains `part`), oldest first.
+    std::vector<TarnLog::LogRecord> RecordsWith(const std::string& part, DWORD processId = ::GetCurrentProcessId())
     {
-        std::vector<TarnLog::LogRecord> mine;
+        std::vector<TarnLog::LogRecord> found;
         TarnLog::RingSnapshot snapshot;
         std::string error;
         if (Snapshot(snapshot, error))
             for (const auto& record : snapshot.records)
-                if (record.processId == processId)
-                    mine.push_back(record);
-        return mine;
+                if (record.processId == processId && MessageOf(record).find(part) != std::string::npos)
+                    found.push_back(record);
+        return found;
     }
+    std::vector<TarnLog::LogRecord> RecordsOfProcess(DWORD processId) { return RecordsWith("", processId); }
 
-    // The messages of one process still in the ring, oldest first.
     std::vector<std::string> MessagesOf(DWORD processId)
     {
         std::vector<std::string> messages;
@@ -161,22 +146,11 @@ public:
         return messages;
     }
 
-    // The records of one process whose message contains `part`, oldest first.
-    std::vector<TarnLog::LogRecord> RecordsWith(const std::string& part, DWORD processId = ::GetCurrentProcessId())
-    {
-        std::vector<TarnLog::LogRecord> found;
-        for (const auto& record : RecordsOfProcess(processId))
-            if (MessageOf(record).find(part) != std::string::npos)
-                found.push_back(record);
-        return found;
-    }
-
     // The write counter, or 0 when the ring cannot be read.
     uint32_t WriteCounter()
     {
-        TarnLog::RingSnapshot snapshot;
-        std::string error;
-        return Snapshot(snapshot, error) ? snapshot.writeCounter : 0;
+        std::vector<uint8_t> bytes;
+        return CopyBytes(bytes) ? Le32(bytes.data() + 4) : 0;
     }
 
     const RingView& View() const { return m_view; }
@@ -214,21 +188,13 @@ public:
     // What every reader does after touching a slot: makes each writer reload.
     bool BumpGeneration()
     {
-        return Edit([](uint8_t* base, size_t) {
-            uint32_t generation = 0;
-            std::memcpy(&generation, base, 4);
-            ++generation;
-            std::memcpy(base, &generation, 4);
-        });
+        return Edit([](uint8_t* base, size_t) { ++*reinterpret_cast<uint32_t*>(base); });
     }
 
     // Writes 40 raw slot bytes at slot `index` and bumps the generation.
     bool WriteSlot(uint32_t index, const void* slotBytes)
     {
-        return Edit([&](uint8_t* base, size_t) {
-                   std::memcpy(base + 12 + index * 40, slotBytes, 40);
-               }) &&
-               BumpGeneration();
+        return Edit([&](uint8_t* base, size_t) { std::memcpy(base + 12 + index * 40, slotBytes, 40); }) && BumpGeneration();
     }
 
     bool PublishEvent(uint32_t index, const std::string& name)
@@ -239,11 +205,7 @@ public:
         return WriteSlot(index, slot);
     }
 
-    bool ClearSlot(uint32_t index)
-    {
-        const uint8_t slot[40] = {};
-        return WriteSlot(index, slot);
-    }
+    bool ClearSlot(uint32_t index) { return WriteSlot(index, std::string(40, '\0').data()); }
 
     const RingView& View() const { return m_view; }
 
@@ -272,9 +234,9 @@ private:
 inline std::string CriticalFilePath()
 {
     char folder[MAX_PATH] = {};
-    if (FAILED(::SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, folder)))
-        return std::string();
-    return std::string(folder) + "\\Ostrum\\critical.txt";
+    return SUCCEEDED(::SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, folder))
+               ? std::string(folder) + "\\Ostrum\\critical.txt"
+               : std::string();
 }
 
 // The critical file's records, oldest first (none when there is no file).

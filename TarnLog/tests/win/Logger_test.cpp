@@ -4,6 +4,7 @@
 // another process has damaged or holds.
 #include "ChildProcess.h"
 #include "DebuggerOutput.h"
+#include "Registry.h"
 #include "RingReader.h"
 #include "TarnLog/Log.h"
 #include "TarnLog/LogRecord.h"
@@ -19,11 +20,7 @@ using namespace TarnTest;
 
 namespace {
 
-struct Value {
-    const char* name;
-    DWORD type;
-    std::vector<uint8_t> bytes;
-};
+struct Value { const char* name; DWORD type; std::vector<uint8_t> bytes; };
 
 Value Dword(const char* name, DWORD value)
 {
@@ -31,64 +28,33 @@ Value Dword(const char* name, DWORD value)
     return {name, REG_DWORD, {at, at + 4}};
 }
 
+// Moves the generation, as a viewer does to make every process reload its settings.
+struct GenerationBump { ~GenerationBump() { RingHeaderEditor().BumpGeneration(); } };
+
 // Sets the logger's values under HKCU for the life of the object, then puts the old ones
-// back. Each change is followed by a generation bump, as a viewer makes every process reload.
+// back; each change is followed by a generation bump.
 class LoggerValues {
 public:
     explicit LoggerValues(const std::vector<Value>& values)
     {
-        REQUIRE(::RegCreateKeyExA(HKEY_CURRENT_USER, TarnLog::kLoggerKeyPath, 0, nullptr, 0, KEY_READ | KEY_WRITE,
-                                  nullptr, m_key.Put(), nullptr) == ERROR_SUCCESS);
-        for (const auto& value : values) {
-            Value old{value.name, 0, std::vector<uint8_t>(64)};
-            DWORD size = static_cast<DWORD>(old.bytes.size());
-            const bool existed =
-                ::RegQueryValueExA(m_key.Get(), value.name, nullptr, &old.type, old.bytes.data(), &size) == ERROR_SUCCESS;
-            old.bytes.resize(size);
-            m_old.push_back({old, existed});
-            REQUIRE(::RegSetValueExA(m_key.Get(), value.name, 0, value.type, value.bytes.data(),
-                                     static_cast<DWORD>(value.bytes.size())) == ERROR_SUCCESS);
-        }
+        for (const auto& value : values)
+            REQUIRE(m_key.SetRaw(value.name, value.type, value.bytes.data(), static_cast<DWORD>(value.bytes.size())));
         REQUIRE(RingHeaderEditor().BumpGeneration());
-    }
-    ~LoggerValues()
-    {
-        for (auto it = m_old.rbegin(); it != m_old.rend(); ++it)
-            if (it->second)
-                ::RegSetValueExA(m_key.Get(), it->first.name, 0, it->first.type, it->first.bytes.data(),
-                                 static_cast<DWORD>(it->first.bytes.size()));
-            else
-                ::RegDeleteValueA(m_key.Get(), it->first.name);
-        RingHeaderEditor().BumpGeneration();
     }
 
 private:
-    TarnBase::UniqueRegKey m_key;
-    std::vector<std::pair<Value, bool>> m_old;
+    GenerationBump m_bumpAfterRestore;  // destroyed last
+    ScopedRegistryKey m_key{HKEY_CURRENT_USER, TarnLog::kLoggerKeyPath};
 };
-
-bool AllZero(const uint8_t* from, size_t count)
-{
-    return std::all_of(from, from + count, [](uint8_t b) { return b == 0; });
-}
 
 // A field of `size` bytes holding `text`, its terminator and zeros after it.
 bool FieldIs(const uint8_t* field, size_t size, const std::string& text)
 {
     return text.size() < size && std::memcmp(field, text.data(), text.size()) == 0 &&
-           AllZero(field + text.size(), size - text.size());
+           std::all_of(field + text.size(), field + size, [](uint8_t b) { return b == 0; });
 }
 
-TarnBase::UniqueHandle ReaderEvent(const std::string& slotName)
-{
-    return TarnBase::UniqueHandle(
-        ::CreateEventA(nullptr, TRUE, FALSE, TarnBase::MakeKernelObjectName(slotName, true).c_str()));
-}
-
-bool IsSet(HANDLE event, DWORD waitMs = 0)
-{
-    return ::WaitForSingleObject(event, waitMs) == WAIT_OBJECT_0;
-}
+bool IsSet(HANDLE event, DWORD waitMs = 0) { return ::WaitForSingleObject(event, waitMs) == WAIT_OBJECT_0; }
 
 } // namespace
 
@@ -99,16 +65,13 @@ TEST_CASE("logged records in the ring, byte by byte: fields at their offsets, cu
     const uint32_t before = static_cast<uint32_t>(std::time(nullptr));
     TarnLog::Log("Layout::Probe", 1, "Layout: probe %s and %d.", nonce.c_str(), 42);
     const uint32_t after = static_cast<uint32_t>(std::time(nullptr));
-    const std::string longClass = "Cut::" + std::string(120, 'c');
-    const std::string longMessage = "Cut: " + nonce + " " + std::string(700, 'm');
+    const std::string longClass = "Cut::" + std::string(120, 'c'), longMessage = "Cut: " + nonce + std::string(700, 'm');
     TarnLog::Log(longClass.c_str(), 2, "%s", longMessage.c_str());
 
     std::vector<uint8_t> bytes;
     REQUIRE(RingReader().CopyBytes(bytes));
-    const uint32_t counter = Le32(&bytes[4]);
-    const uint32_t count = Le32(&bytes[8]);
-    REQUIRE(count > 0);
-    REQUIRE(bytes.size() >= 292 + static_cast<size_t>(count) * 692);
+    const uint32_t counter = Le32(&bytes[4]), count = Le32(&bytes[8]);
+    REQUIRE((count > 0 && bytes.size() >= 292 + static_cast<size_t>(count) * 692));
     CHECK(Le32(&bytes[0]) != 0);  // the creator starts the generation at 1
 
     // Nothing else logs while this test runs: the two newest entries are ours.
@@ -116,14 +79,10 @@ TEST_CASE("logged records in the ring, byte by byte: fields at their offsets, cu
     const std::string full(path, ::GetModuleFileNameA(nullptr, path, MAX_PATH));
     const uint8_t* entry = &bytes[292 + static_cast<size_t>((counter - 2) % count) * 692];
     CHECK(FieldIs(entry + 0, 32, full.substr(full.find_last_of('\\') + 1)));
-    CHECK(FieldIs(entry + 32, 64, "Layout::Probe"));
-    CHECK(AllZero(entry + 96, 64));
-    CHECK(Le32(entry + 160) + 1 >= before);
-    CHECK(Le32(entry + 160) <= after + 1);
-    CHECK(entry[164] == 1);
-    CHECK(AllZero(entry + 165, 7));
-    CHECK(Le32(entry + 172) == ::GetCurrentThreadId());
-    CHECK(Le32(entry + 176) == ::GetCurrentProcessId());
+    CHECK(FieldIs(entry + 32, 128, "Layout::Probe"));
+    CHECK((Le32(entry + 160) + 1 >= before && Le32(entry + 160) <= after + 1));
+    CHECK(FieldIs(entry + 164, 8, "\x01"));
+    CHECK((Le32(entry + 172) == ::GetCurrentThreadId() && Le32(entry + 176) == ::GetCurrentProcessId()));
     CHECK(FieldIs(entry + 180, 512, "Layout: probe " + nonce + " and 42."));
 
     const uint8_t* next = &bytes[292 + static_cast<size_t>((counter - 1) % count) * 692];
@@ -189,20 +148,18 @@ TEST_CASE("the logger's registry values decide where a record goes: ring, critic
         TarnLog::Log("Config::Probe", 2, "%s", debugText.c_str());
         TarnLog::Log("Config::Probe", 0, "%s", errorText.c_str());
 
-        RingReader ring;
-        const auto debugRecords = ring.RecordsWith(debugText), errorRecords = ring.RecordsWith(errorText);
-        CHECK(debugRecords.size() == (row.ringDebug ? 1u : 0u));
-        CHECK(errorRecords.size() == (row.ringError ? 1u : 0u));
-        CHECK(CriticalFileHas("[Class: Config::Probe][Msg: " + errorText + "]") == row.critical);
         const DWORD wait = row.debuggerDebug || row.debuggerError ? 5000 : 300;
-        const std::string debugLine = debugger.WaitFor(debugText, wait), errorLine = debugger.WaitFor(errorText, wait);
-        CHECK(debugLine.empty() != row.debuggerDebug);
-        CHECK(errorLine.empty() != row.debuggerError);
-        // The debugger gets the record's text form, the same line the critical file gets.
-        if (!errorLine.empty() && !errorRecords.empty())
-            CHECK(errorLine == TarnLog::FormatRecordText(errorRecords[0]));
-        if (!debugLine.empty() && !debugRecords.empty())
-            CHECK(debugLine == TarnLog::FormatRecordText(debugRecords[0]));
+        const struct { const std::string& text; bool ring, debugger; } records[] = {
+            {debugText, row.ringDebug, row.debuggerDebug}, {errorText, row.ringError, row.debuggerError}};
+        for (const auto& record : records) {
+            const auto inRing = RingReader().RecordsWith(record.text);
+            const std::string line = debugger.WaitFor(record.text, wait);
+            CHECK(inRing.size() == (record.ring ? 1u : 0u));
+            CHECK(line.empty() != record.debugger);
+            if (!line.empty() && !inRing.empty())  // the record's text form, the critical file's line
+                CHECK(line == TarnLog::FormatRecordText(inRing[0]));
+        }
+        CHECK(CriticalFileHas("[Class: Config::Probe][Msg: " + errorText + "]") == row.critical);
     }
 }
 
@@ -210,30 +167,23 @@ TEST_CASE("a second process adopts the ring's entry count whatever its own regis
 {
     EnsureRing();
     RingHeaderEditor editor;
-    const uint32_t count = editor.Header().entryCount;
-    REQUIRE(count > 0);
-    const uint32_t counter = editor.Header().writeCounter;
+    const uint32_t count = editor.Header().entryCount, counter = editor.Header().writeCounter;
     std::vector<uint8_t> bytes;
     {
         LoggerValues entries({Dword("NumberOfLogEntries", count == 100 ? 150 : 100)});
-        const auto child = RunLogWriter({L"--count", L"1", L"--class", L"Adopt::Probe"});
-        REQUIRE(child.started);
-        CHECK(child.exitCode == 0);
+        CHECK(RunLogWriter({L"--count", L"1", L"--class", L"Adopt::Probe"}).exitCode == 0);
         REQUIRE(RingReader().CopyBytes(bytes));
     }
-    CHECK(Le32(&bytes[8]) == count);
     // Generation bumps in between do not write records: the child's record is the next one.
-    REQUIRE(Le32(&bytes[4]) == counter + 1);
+    REQUIRE((count > 0 && Le32(&bytes[8]) == count && Le32(&bytes[4]) == counter + 1));
     const uint8_t* entry = &bytes[292 + static_cast<size_t>(counter % count) * 692];
-    CHECK(FieldIs(entry + 32, 64, "Adopt::Probe"));
-    CHECK(FieldIs(entry, 32, "logwriter.exe"));
+    CHECK((FieldIs(entry, 32, "logwriter.exe") && FieldIs(entry + 32, 64, "Adopt::Probe")));
 }
 
 TEST_CASE("a damaged entry count in the header is left alone by every writer and refused by readers")
 {
     EnsureRing();
     RingHeaderEditor editor;
-    REQUIRE(editor.IsOpen());
     const uint32_t count = editor.Header().entryCount;
     REQUIRE(count > 0);
     struct Restore {
@@ -251,17 +201,15 @@ TEST_CASE("a damaged entry count in the header is left alone by every writer and
         const auto child = RunLogWriter({L"--count", L"5", L"--error-every", L"2", L"--class", L"Damaged::Probe"});
         REQUIRE(child.started);
         CHECK(child.exitCode == 0);
-        CHECK(editor.Header().writeCounter == counter);
-        CHECK(editor.Header().entryCount == damaged);
+        CHECK((editor.Header().writeCounter == counter && editor.Header().entryCount == damaged));
 
         // This process validated the count when it attached; it goes on with its own copy.
         const std::string nonce = Nonce();
         TarnLog::Log("Damaged::Probe", 2, "Damaged: own record %s.", nonce.c_str());
         std::vector<uint8_t> bytes;
         REQUIRE(editor.Edit([&](uint8_t* base, size_t size) { bytes.assign(base, base + size); }));
-        CHECK(Le32(&bytes[4]) == counter + 1);
-        CHECK(FieldIs(&bytes[292 + static_cast<size_t>(counter % count) * 692 + 180], 512,
-                      "Damaged: own record " + nonce + "."));
+        CHECK((Le32(&bytes[4]) == counter + 1 && FieldIs(&bytes[292 + static_cast<size_t>(counter % count) * 692 + 180],
+                                                           512, "Damaged: own record " + nonce + ".")));
         TarnLog::RingSnapshot snapshot;
         std::string error;
         CHECK_FALSE(RingReader().Snapshot(snapshot, error));
@@ -272,29 +220,25 @@ TEST_CASE("a reader's event is set by the next record of every process until it 
 {
     EnsureRing();
     SlotsRestorer restore;
-    uint8_t unterminated[40] = {}, backslash[40] = {};
+    uint8_t unterminated[40] = {}, backslash[40] = "Bad\\Name";
     std::memset(unterminated, 'A', 32);
-    unterminated[32] = 1;
-    std::memcpy(backslash, "Bad\\Name", 8);
-    backslash[32] = 1;
-    REQUIRE(restore.Editor().WriteSlot(1, unterminated));
-    REQUIRE(restore.Editor().WriteSlot(2, backslash));
+    unterminated[32] = backslash[32] = 1;
+    REQUIRE((restore.Editor().WriteSlot(1, unterminated) && restore.Editor().WriteSlot(2, backslash)));
+    const auto readerEvent = [](const std::string& name) {
+        return TarnBase::UniqueHandle(::CreateEventA(nullptr, TRUE, FALSE, TarnBase::MakeKernelObjectName(name, true).c_str()));
+    };
     const std::string name = "TarnLogTest." + std::to_string(::GetCurrentProcessId()) + ".3";
-    TarnBase::UniqueHandle event = ReaderEvent(name);
-    REQUIRE(event);
+    TarnBase::UniqueHandle event = readerEvent(name);
     REQUIRE(restore.Editor().PublishEvent(3, name));
     // Names a reader overrunning slot 1 could have made of its bytes.
-    TarnBase::UniqueHandle overruns[] = {ReaderEvent(std::string(31, 'A')), ReaderEvent(std::string(32, 'A')),
-                                         ReaderEvent(std::string(32, 'A') + "\x01")};
-
+    TarnBase::UniqueHandle overruns[] = {readerEvent(std::string(31, 'A')), readerEvent(std::string(32, 'A')),
+                                         readerEvent(std::string(32, 'A') + "\x01")};
     TarnLog::Log("Slot::Probe", 2, "Slot: from this process.");
     CHECK(IsSet(event.Get(), 2000));
     for (const auto& overrun : overruns)
         CHECK_FALSE(IsSet(overrun.Get()));
     ::ResetEvent(event.Get());
-    const auto child = RunLogWriter({L"--count", L"1", L"--class", L"Slot::Probe"});
-    REQUIRE(child.started);
-    CHECK(child.exitCode == 0);
+    CHECK(RunLogWriter({L"--count", L"1", L"--class", L"Slot::Probe"}).exitCode == 0);
     CHECK(IsSet(event.Get()));
 
     // Once the slot is cleared (and the generation moved) the writers let the event go.
@@ -302,7 +246,6 @@ TEST_CASE("a reader's event is set by the next record of every process until it 
     ::ResetEvent(event.Get());
     TarnLog::Log("Slot::Probe", 2, "Slot: after the reader left.");
     CHECK_FALSE(IsSet(event.Get()));
-    CHECK(RingReader().RecordsWith("Slot: after the reader left.").size() == 1);
 }
 
 TEST_CASE("a record that cannot get the ring within a second still reaches the critical file")
@@ -310,18 +253,15 @@ TEST_CASE("a record that cannot get the ring within a second still reaches the c
     EnsureRing();
     const std::string nonce = Nonce();
     const uint32_t counterBefore = RingReader().WriteCounter();
-
     // Another thread holds the ring mutex through a handle of its own, as another process would.
-    TarnBase::UniqueHandle locked(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
-    TarnBase::UniqueHandle done(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    TarnBase::UniqueHandle locked(::CreateEventA(nullptr, TRUE, FALSE, nullptr)), done(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
     std::thread holder([&] {
         TarnBase::UniqueHandle mutex(::OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, RingMutexName().c_str()));
         RingMutexHold hold(mutex.Get(), 5000);
         ::SetEvent(locked.Get());
         ::WaitForSingleObject(done.Get(), 5000);
     });
-    REQUIRE(::WaitForSingleObject(locked.Get(), 5000) == WAIT_OBJECT_0);
-
+    REQUIRE(IsSet(locked.Get(), 5000));
     ::SetLastError(4321);
     const ULONGLONG start = ::GetTickCount64();
     TarnLog::Log("Timeout::Probe", 0, "Timeout: locked out %s.", nonce.c_str());
@@ -329,9 +269,7 @@ TEST_CASE("a record that cannot get the ring within a second still reaches the c
     CHECK(::GetLastError() == 4321u);
     ::SetEvent(done.Get());
     holder.join();
-
-    CHECK(waited >= 900);
-    CHECK(waited < 3000);
+    CHECK((waited >= 900 && waited < 3000));
     CHECK(RingReader().WriteCounter() == counterBefore);
     CHECK(CriticalFileHas("[Class: Timeout::Probe][Msg: Timeout: locked out " + nonce + ".]"));
 }

@@ -6,7 +6,6 @@
 
 #include <doctest.h>
 
-#include <functional>
 #include <future>
 #include <string>
 #include <thread>
@@ -17,28 +16,24 @@ namespace {
 
 // Holds a mutex on a thread of its own: mutexes are recursive for their owner, so "held
 // elsewhere" needs another thread.
-class Holder {
-public:
+struct Holder {
     explicit Holder(Mutex& mutex)
+        : thread([&mutex, this] {
+              held.set_value(mutex.Acquire(INFINITE));
+              release.get_future().wait();
+              mutex.Release();
+          })
     {
-        std::promise<bool> acquired;
-        std::future<bool> ready = acquired.get_future();
-        m_thread = std::thread([&mutex, acquired = std::move(acquired), this]() mutable {
-            acquired.set_value(mutex.Acquire(INFINITE));
-            m_release.get_future().wait();
-            mutex.Release();
-        });
-        REQUIRE(ready.get());
+        REQUIRE(held.get_future().get());
     }
     ~Holder()
     {
-        m_release.set_value();
-        m_thread.join();
+        release.set_value();
+        thread.join();
     }
-
-private:
-    std::promise<void> m_release;
-    std::thread m_thread;
+    std::promise<bool> held;
+    std::promise<void> release;
+    std::thread thread;
 };
 
 bool FreeForOthers(Mutex& mutex)
@@ -65,13 +60,6 @@ private:
     TarnBase::UniqueHandle m_release{::CreateEventA(nullptr, TRUE, FALSE, nullptr)};
 };
 
-DWORD MillisecondsFor(const std::function<void()>& action)
-{
-    const DWORD start = ::GetTickCount();
-    action();
-    return ::GetTickCount() - start;
-}
-
 } // namespace
 
 TEST_CASE("named mutexes share one kernel object; configuring a created mutex changes nothing")
@@ -81,7 +69,6 @@ TEST_CASE("named mutexes share one kernel object; configuring a created mutex ch
     Mutex first, second;
     first.Config(name, nullptr);
     second.Config(name, nullptr);
-    REQUIRE(second.GetHandle() != nullptr);
     Holder holder(first);
     CHECK_FALSE(second.Acquire(0));
     second.Config("Local\\Other", nullptr);
@@ -93,16 +80,9 @@ TEST_CASE("named mutexes share one kernel object; configuring a created mutex ch
     });
 }
 
-TEST_CASE("mutex acquire: time-out, abandoned, bound yield event, a free mutex wins over the yield event")
+TEST_CASE("mutex acquire: abandoned counts as acquired; a bound yield event aborts the wait, a free mutex wins over it")
 {
     Mutex mutex;
-    {
-        TarnTest::LogCapture capture;
-        Holder holder(mutex);
-        CHECK(MillisecondsFor([&] { CHECK_FALSE(mutex.Acquire(50)); }) >= 40);
-        TarnTest::Expect(capture, {{"", 1, "Mutex object Acquire operation failed due to timeout. Timeout interval: 50 (milliseconds)."}});
-    }
-    // An abandoned mutex counts as acquired.
     std::thread([&] { mutex.Acquire(INFINITE); }).join();
     CHECK(mutex.Acquire(1000));
     CHECK_FALSE(FreeForOthers(mutex));
@@ -115,14 +95,13 @@ TEST_CASE("mutex acquire: time-out, abandoned, bound yield event, a free mutex w
     {
         TarnTest::LogCapture capture;
         Holder holder(mutex);
-        CHECK(MillisecondsFor([&] { CHECK_THROWS_AS(mutex.Acquire(10000, &worker), ThreadAbortException); }) < 5000);
+        CHECK_THROWS_AS(mutex.Acquire(10000, &worker), ThreadAbortException);
         TarnTest::ExpectInOrder(capture, {
             {"", 1, "Mutex object Acquire operation detected that the bound TarnMT::Thread object has been terminated."},
             {"", 0, "Throwing TarnMT::ThreadAbortException exception type. File: Mutex Line: ..."},
         });
     }
     CHECK(mutex.Acquire(1000, &worker));
-    CHECK_FALSE(FreeForOthers(mutex));
     mutex.Release();
 }
 
@@ -135,9 +114,8 @@ TEST_CASE("AutoLockMutex: holds for its scope; a null mutex and a time-out throw
         AutoLockMutex lock(&mutex, 1000);
         CHECK_FALSE(FreeForOthers(mutex));
     }
-    CHECK(FreeForOthers(mutex));
     Holder holder(mutex);
-    CHECK(MillisecondsFor([&] { CHECK_THROWS_AS(AutoLockMutex(&mutex, 0), AutoLockTimeoutException); }) < 1000);
+    CHECK_THROWS_AS(AutoLockMutex(&mutex, 0), AutoLockTimeoutException);
     TarnTest::ExpectInOrder(capture, {
         {"TarnMT::AutoLockMutex", 0, "Throwing TarnBase::InvalidParameterException exception type. File: AutoLockMutex Line: ..."},
         {"TarnMT::AutoLockMutex", 1, "Throwing TarnMT::AutoLockTimeoutException exception type. File: AutoLockMutex Line: ..."},
