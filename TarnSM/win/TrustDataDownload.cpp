@@ -3,6 +3,7 @@
 #include "TarnBase/win/Owners.h"
 #include "TarnMT/win/CriticalSection.h"
 #include "TarnSM/win/CTarnSM.h"
+#include "TarnSM/win/DownloadWatch.h"
 #include "TarnSM/win/ScriptBoundary.h"
 #include "TarnSM/win/SiteCache.h"
 #include "TarnSM/win/VendorId.h"
@@ -80,16 +81,13 @@ DWORD TotalDeadline(DWORD connectTimeoutMs)
 // Copies the body into the file until its end, the size cap or the deadline. Each read
 // asks only for what has arrived, so a server that trickles bytes cannot hold one read
 // (and the page's thread) past the deadline.
-bool ReceiveBody(HINTERNET request, HANDLE file, ULONGLONG deadline, DWORD deadlineMs)
+bool ReceiveBody(HINTERNET request, HANDLE file, ULONGLONG deadline)
 {
     char buffer[kReadBufferSize];
     DWORD total = 0;
     for (;;) {
-        if (::GetTickCount64() > deadline) {
-            TarnLog::Log(kControlClass, 1, "DownloadFile: Download took longer than %u milliseconds; stopped.",
-                         static_cast<unsigned>(deadlineMs));
-            return false;
-        }
+        if (::GetTickCount64() > deadline)
+            return false;  // reported once, by DownloadFile
         DWORD available = 0;
         // A failed read ends the download without a record of its own; the caller sees false.
         if (!::InternetQueryDataAvailable(request, &available, 0, 0))
@@ -114,6 +112,44 @@ bool ReceiveBody(HINTERNET request, HANDLE file, ULONGLONG deadline, DWORD deadl
             return false;
         }
     }
+}
+
+// The request and the body, on a session the deadline may close under it.
+bool Fetch(HINTERNET session, const std::string& downloadUrl, const std::string& targetPath, ULONGLONG deadline)
+{
+    TarnBase::UniqueInternetHandle request(::InternetOpenUrlA(
+        session, downloadUrl.c_str(), nullptr, 0, INTERNET_FLAG_RESYNCHRONIZE | INTERNET_FLAG_NO_UI, 0));
+    if (!request) {
+        TarnLog::Log(kControlClass, 1, "DownloadFile: Failure calling InternetOpenUrl. GetLastError: %u.",
+                     static_cast<unsigned>(::GetLastError()));
+        return false;
+    }
+    // Only a later status failure reports it, but it has to be taken before any other call.
+    const DWORD openUrlError = ::GetLastError();
+
+    DWORD status = kUnknownStatus;
+    if (!GetHttpStatusCode(status, request.Get())) {
+        TarnLog::Log(kControlClass, 1,
+                     "DownloadFile: Failed to retrieve HTTP status code from download operation, assuming failure. InternetOpenUrl GetLastError: %u.",
+                     static_cast<unsigned>(openUrlError));
+        return false;
+    }
+    if (status != HTTP_STATUS_OK) {
+        TarnLog::Log(kControlClass, 1, "DownloadFile: Failed to download file. HTTP Status Code: %u.",
+                     static_cast<unsigned>(status));
+        return false;
+    }
+
+    TarnBase::UniqueFile file(::CreateFileA(targetPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                            FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) {
+        TarnLog::Log(kControlClass, 1,
+                     "DownloadFile: Failed to create our temporary file to receive the download data. GetLastError: %u.",
+                     static_cast<unsigned>(::GetLastError()));
+        return false;
+    }
+
+    return ReceiveBody(request.Get(), file.Get(), deadline);
 }
 
 } // namespace
@@ -232,39 +268,15 @@ bool DownloadFile(const std::string& downloadUrl, const std::string& targetPath)
     ::InternetSetOptionA(session.Get(), INTERNET_OPTION_RECEIVE_TIMEOUT, &deadlineMs, sizeof deadlineMs);
     ::InternetSetOptionA(session.Get(), INTERNET_OPTION_SEND_TIMEOUT, &deadlineMs, sizeof deadlineMs);
 
-    TarnBase::UniqueInternetHandle request(::InternetOpenUrlA(
-        session.Get(), downloadUrl.c_str(), nullptr, 0, INTERNET_FLAG_RESYNCHRONIZE | INTERNET_FLAG_NO_UI, 0));
-    if (!request) {
-        TarnLog::Log(kControlClass, 1, "DownloadFile: Failure calling InternetOpenUrl. GetLastError: %u.",
-                     static_cast<unsigned>(::GetLastError()));
+    const HINTERNET sessionHandle = session.Get();
+    DownloadWatch watch(session, deadlineMs);
+    const bool done = Fetch(sessionHandle, downloadUrl, targetPath, deadline);
+    if (watch.Stop() || ::GetTickCount64() > deadline) {
+        TarnLog::Log(kControlClass, 1, "DownloadFile: Download took longer than %u milliseconds; stopped.",
+                     static_cast<unsigned>(deadlineMs));
         return false;
     }
-    // Only a later status failure reports it, but it has to be taken before any other call.
-    const DWORD openUrlError = ::GetLastError();
-
-    DWORD status = kUnknownStatus;
-    if (!GetHttpStatusCode(status, request.Get())) {
-        TarnLog::Log(kControlClass, 1,
-                     "DownloadFile: Failed to retrieve HTTP status code from download operation, assuming failure. InternetOpenUrl GetLastError: %u.",
-                     static_cast<unsigned>(openUrlError));
-        return false;
-    }
-    if (status != HTTP_STATUS_OK) {
-        TarnLog::Log(kControlClass, 1, "DownloadFile: Failed to download file. HTTP Status Code: %u.",
-                     static_cast<unsigned>(status));
-        return false;
-    }
-
-    TarnBase::UniqueFile file(::CreateFileA(targetPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                            FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file) {
-        TarnLog::Log(kControlClass, 1,
-                     "DownloadFile: Failed to create our temporary file to receive the download data. GetLastError: %u.",
-                     static_cast<unsigned>(::GetLastError()));
-        return false;
-    }
-
-    return ReceiveBody(request.Get(), file.Get(), deadline, deadlineMs);
+    return done;
 }
 
 } // namespace TarnSMX
