@@ -2,19 +2,16 @@
 // may touch.
 #include "TarnBase/win/Handle.h"
 #include "TarnBase/win/SharedView.h"
+#include "Scratch.h"
 
 #include <doctest.h>
-
-#include <string>
 
 TEST_CASE("only committed, page-file backed bytes of a view are usable")
 {
     constexpr DWORD kBytes = 64 * 1024;
-    char folder[MAX_PATH] = {};
-    ::GetTempPathA(MAX_PATH, folder);
-    const std::string path = std::string(folder) + "sharedview-" + std::to_string(::GetCurrentProcessId()) + ".bin";
-    TarnBase::UniqueFile file(::CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                            FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+    TarnTest::TempDir dir(L"sharedview");
+    TarnBase::UniqueFile file(::CreateFileW((dir / L"view.bin").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                            CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr));
     REQUIRE(file);
     const struct { const char* what; HANDLE backing; DWORD protection, committedBytes; size_t usable; } rows[] = {
         {"page file, committed", INVALID_HANDLE_VALUE, PAGE_READWRITE, 0, kBytes},
