@@ -11,23 +11,15 @@ namespace {
 
 int g_decodeCalls = 0;
 
-// Fails on every token that starts with '!'; other tokens decode to themselves.
-bool FailOnBang(const std::string& token, std::string& decoded)
+// Fails on every token that starts with '!' and throws a library exception on "boom"; other
+// tokens decode to themselves.
+bool FakeDecode(const std::string& token, std::string& decoded)
 {
     ++g_decodeCalls;
-    if (!token.empty() && token[0] == '!')
-        return false;
-    decoded = token;
-    return true;
-}
-
-// Throws a library exception on the token "boom".
-bool ThrowOnBoom(const std::string& token, std::string& decoded)
-{
     if (token == "boom")
         throw TarnBase::OutOfMemoryException();
     decoded = token;
-    return true;
+    return token.empty() || token[0] != '!';
 }
 
 } // namespace
@@ -62,7 +54,7 @@ TEST_CASE("departure: an undecodable token is retried a few times, then passed o
     TarnTest::LogCapture capture;
     Names containers;
     g_decodeCalls = 0;
-    AddAltTrustList(containers, "First.exe;!bad;Last.exe", &FailOnBang);
+    AddAltTrustList(containers, "First.exe;!bad;Last.exe", &FakeDecode);
     CHECK(containers == Names{"first.exe", "last.exe"});
     CHECK(g_decodeCalls == 5);
     const TarnTest::ExpectedRecord failed{
@@ -74,7 +66,7 @@ TEST_CASE("a library exception ends processing, keeping the names added so far")
 {
     TarnTest::LogCapture capture;
     Names containers;
-    AddAltTrustList(containers, "a.exe;boom;b.exe", &ThrowOnBoom);
+    AddAltTrustList(containers, "a.exe;boom;b.exe", &FakeDecode);
     CHECK(containers == Names{"a.exe"});
     TarnTest::Expect(capture, {{"TarnSMX::TarnSM", 2, "AddAltTrustList: TarnBase::BaseException encountered during processing. "
                                                       "Error identifier: OUT_OF_MEMORY_ERROR."}});
