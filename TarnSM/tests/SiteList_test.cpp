@@ -105,10 +105,8 @@ TEST_CASE("scheme codes, data file extension and site list string ids")
     };
     for (const auto& row : schemes)
         CHECK(SchemeCode(row.scheme) == row.code);
-    CHECK(SiteListStringId(kSchemeHttp) == 102);
-    CHECK(SiteListStringId(kSchemeHttps) == 101);
-    CHECK(SiteListStringId(kSchemeFile) == 102);
-    CHECK(SiteListStringId(kSchemeOther) == 0);
+    CHECK(std::vector<int>{SiteListStringId(kSchemeHttp), SiteListStringId(kSchemeHttps), SiteListStringId(kSchemeFile),
+                           SiteListStringId(kSchemeOther)} == std::vector<int>{102, 101, 102, 0});
 
     const struct { const char* url; bool dll; } urls[] = {
         {"https://example.com/trust.dll", true}, {"https://example.com/TRUST.DLL", true},

@@ -44,13 +44,7 @@ std::vector<unsigned char> Encode(const std::vector<Rdn>& rdns)
 TEST_CASE("the common name of a certificate name, exactly or not at all")
 {
     const char* cn = szOID_COMMON_NAME;
-    struct Row {
-        const char* what;
-        std::vector<Rdn> name;
-        Result result;
-        const char* value;
-    };
-    const Row rows[] = {
+    const struct { const char* what; std::vector<Rdn> name; Result result; const char* value; } rows[] = {
         {"plain", {{{cn, L"PlainSigner"}}}, Result::Found, "PlainSigner"},
         {"comma inside", {{{cn, L"Org, Inc."}}}, Result::Found, "Org, Inc."},
         {"first of two", {{{cn, L"First"}}, {{cn, L"Second"}}}, Result::Found, "First"},
@@ -63,7 +57,7 @@ TEST_CASE("the common name of a certificate name, exactly or not at all")
         {"dotless i", {{{cn, L"Pla\x0131nSigner"}}}, Result::Inexact, ""},
         {"zero inside", {{{cn, std::wstring(L"PlainSigner\0x", 13)}}}, Result::Inexact, ""},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         CAPTURE(std::string(row.what));
         const std::vector<unsigned char> der = Encode(row.name);
         std::string name = "unchanged";
@@ -74,12 +68,7 @@ TEST_CASE("the common name of a certificate name, exactly or not at all")
 
 TEST_CASE("one exact converter: a UTF-8 code page holds every character but a lone surrogate")
 {
-    struct Row {
-        UINT codePage;
-        std::wstring text;
-        bool exact;
-    };
-    const Row rows[] = {
+    const struct { UINT codePage; std::wstring text; bool exact; } rows[] = {
         {1252, L"mshta.exe", true},
         {1252, L"\xFF4Dyhost.exe", false},  // no best fit into a plain "m"
         {1252, L"caf\xE9", true},
@@ -87,9 +76,8 @@ TEST_CASE("one exact converter: a UTF-8 code page holds every character but a lo
         {CP_UTF8, L"\x4E2D\x6587", true},
         {CP_UTF8, L"bad\xD800", false},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         CAPTURE(row.codePage);
-        CAPTURE(row.text.size());
         std::string narrow = "unchanged";
         CHECK(TarnUtils::TryWideToCodePage(row.codePage, row.text.data(), row.text.size(), narrow) == row.exact);
         CHECK(narrow.empty() != row.exact);
