@@ -66,14 +66,10 @@ TEST_CASE("layout: a pid field then a path field, little-endian units, nothing e
 TEST_CASE("encoding an entry refuses what its fields cannot hold")
 {
     const struct { std::u16string pid, path; bool ok; } table[] = {
-        {std::u16string(257, u'1'), u"p", true},
-        {std::u16string(258, u'1'), u"p", false},
-        {u"1", std::u16string(1025, u'p'), true},
-        {u"1", std::u16string(1026, u'p'), false},
-        {u"", u"p", false},
-        {u"1", u"", false},
-        {u"1", std::u16string(u"ab\0cd", 5), false},
-        {std::u16string(u"1\0", 2), u"p", false},
+        {std::u16string(257, u'1'), u"p", true}, {std::u16string(258, u'1'), u"p", false},
+        {u"1", std::u16string(1025, u'p'), true}, {u"1", std::u16string(1026, u'p'), false},
+        {u"", u"p", false}, {u"1", u"", false},
+        {u"1", std::u16string(u"ab\0cd", 5), false}, {std::u16string(u"1\0", 2), u"p", false},
     };
     for (const auto& row : table)
         CHECK(EncodeEntry(row.pid, row.path).has_value() == row.ok);
@@ -114,14 +110,9 @@ TEST_CASE("look-up by process identifier: first match wins, case ignored, all 15
 TEST_CASE("comparison without regard to case folds A-Z only and ends at the first zero unit")
 {
     const struct { std::u16string a, b; bool equal; } table[] = {
-        {u"C:\\Windows\\MSHTA.EXE", u"c:\\windows\\mshta.exe", true},
-        {u"C:\\a", u"C:\\b", false},
-        {u"abc", u"abcd", false},
-        {u"\u00c4", u"\u00e4", false},
-        {u"@", u"`", false},
-        {u"[", u"{", false},
-        {std::u16string(u"path\0junk", 9), u"PATH", true},
-        {std::u16string(u"\0a", 2), u"", true},
+        {u"C:\\Windows\\MSHTA.EXE", u"c:\\windows\\mshta.exe", true}, {u"C:\\a", u"C:\\b", false},
+        {u"abc", u"abcd", false}, {u"\u00c4", u"\u00e4", false}, {u"@", u"`", false}, {u"[", u"{", false},
+        {std::u16string(u"path\0junk", 9), u"PATH", true}, {std::u16string(u"\0a", 2), u"", true},
     };
     for (const auto& row : table)
         CHECK(EqualsNoCase(row.a, row.b) == row.equal);

@@ -38,12 +38,9 @@ TEST_SUITE("the control's standard interfaces")
         // {interface, mask, options -> result, then the enabled options of IDispatch}; in order.
         struct Row { REFIID iid; DWORD mask, options; HRESULT result; DWORD enabledAfter; };
         const Row rows[] = {
-            {IID_IDispatch, 0, 0, S_OK, 0},
-            {IID_IDispatch, 1, 1, S_OK, 1},
-            {IID_IPersistPropertyBag, 2, 2, S_OK, 3},
+            {IID_IDispatch, 0, 0, S_OK, 0}, {IID_IDispatch, 1, 1, S_OK, 1}, {IID_IPersistPropertyBag, 2, 2, S_OK, 3},
             {IID_IDispatch, 1, 0, S_OK, 2},  // only masked bits change
-            {IID_IDispatch, 4, 4, E_FAIL, 2},
-            {IID_IClassFactory, 1, 1, E_NOINTERFACE, 2},  // the interface is checked first
+            {IID_IDispatch, 4, 4, E_FAIL, 2}, {IID_IClassFactory, 1, 1, E_NOINTERFACE, 2},  // the interface first
             {IID_IClassFactory, 4, 4, E_NOINTERFACE, 2},
         };
         for (const Row& row : rows) {

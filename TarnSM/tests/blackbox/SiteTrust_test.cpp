@@ -17,11 +17,12 @@ const char kVerifyFailed[] =
 const char kReadFailed[] = "IsCurrentSiteTrustedInternal: Failed to read trust data file. Cannot determine trust.";
 const char kVerified[] = "IsCurrentSiteTrustedInternal: Verified Trusted Site Data File itself can be trusted.";
 
-std::string Www()
-{
-    const char* dir = std::getenv("TARN_BINARY_DIR");
-    return std::string(dir ? dir : ".") + "/trustfiles/www";
-}
+// The data files' server, and pages in tarnhost.
+struct Pages {
+    TestServer server{std::string(std::getenv("TARN_BINARY_DIR")) + "/trustfiles/www"};
+    PageHost pages;
+    Pages() { REQUIRE(server.Running()); }
+};
 
 std::vector<std::wstring> Page(const std::string& url, const std::vector<std::string>& params, int controls = 1)
 {
@@ -33,11 +34,8 @@ std::vector<std::wstring> Page(const std::string& url, const std::vector<std::st
 
 } // namespace
 
-TEST_CASE("fault matrix: every fault answers false twice, names its step, is never cached and keeps its download")
+TEST_CASE_FIXTURE(Pages, "fault matrix: every fault answers false twice, names its step, is never cached and keeps its download")
 {
-    TestServer server(Www());
-    REQUIRE(server.Running());
-    PageHost pages;
     const std::string page = "http://shop.example.com/page.html";
     VendorKey orgOnly(Unique("OrgOnlyVendor"));
     orgOnly.AddSigners({L"Org, Inc."});
@@ -82,11 +80,8 @@ TEST_CASE("fault matrix: every fault answers false twice, names its step, is nev
     }
 }
 
-TEST_CASE("domains under the default signers: listed, denied (asked twice, so from the cache too) and unlisted")
+TEST_CASE_FIXTURE(Pages, "domains under the default signers: listed, denied (asked twice, so from the cache too) and unlisted")
 {
-    TestServer server(Www());
-    REQUIRE(server.Running());
-    PageHost pages;
     const std::string file = "TrustedSiteDataFileURL=" + server.Url("/good.dll");
     // {page -> answers; a record, and how often the two questions logged it (0: at all)}
     struct Row { const char* page; const char* answers; const char* record = nullptr; size_t count = 0; };
@@ -116,11 +111,8 @@ TEST_CASE("domains under the default signers: listed, denied (asked twice, so fr
     }
 }
 
-TEST_CASE("signer choice: defaults, a vendor's own list, and the fallbacks")
+TEST_CASE_FIXTURE(Pages, "signer choice: defaults, a vendor's own list, and the fallbacks")
 {
-    TestServer server(Www());
-    REQUIRE(server.Running());
-    PageHost pages;
     const std::string page = "http://shop.example.com/p.html";
     VendorKey wrongUsage(Unique("WrongUsageVendor"));
     wrongUsage.AddSigners({L"WrongUsage"});
@@ -146,11 +138,8 @@ TEST_CASE("signer choice: defaults, a vendor's own list, and the fallbacks")
     }
 }
 
-TEST_CASE("the cache: one download per data file, shared by the page's controls")
+TEST_CASE_FIXTURE(Pages, "the cache: one download per data file, shared by the page's controls")
 {
-    TestServer server(Www());
-    REQUIRE(server.Running());
-    PageHost pages;
     // The default file name beside the page, asked twice: fetched once.
     CHECK(pages.Run(Page(server.Url("/shop/page.html"), {}), AskSiteScript(2)).out == "true\ntrue\n");
     CHECK(server.RequestCount("/shop/trust.dll") == 1);
@@ -181,10 +170,8 @@ TEST_CASE("the cache: one download per data file, shared by the page's controls"
     CHECK(server.RequestCount("/GOOD.DLL") == 0);
 }
 
-TEST_CASE("the cache keeps each scheme's lists: an https and an http page share one data file in one process")
+TEST_CASE_FIXTURE(Pages, "the cache keeps each scheme's lists: an https and an http page share one data file in one process")
 {
-    TestServer server(Www());
-    REQUIRE(server.Running());
     ComApartment com;
     // A URL no other case of this program uses, so this process's cache starts without it.
     const std::wstring url = Widen(server.Url("/__slow=0/good.dll"));

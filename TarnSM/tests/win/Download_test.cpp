@@ -149,13 +149,9 @@ TEST_CASE("time-out table: the machine value as a REG_DWORD only; a configured v
     struct Row { DWORD type; std::string bytes; VendorSetup setup; unsigned expected; };  // REG_NONE: no machine value
     auto dword = [](DWORD v) { return std::string(reinterpret_cast<const char*>(&v), 4); };
     const Row rows[] = {
-        {REG_NONE, "", NoVendor, 10000},
-        {REG_DWORD, dword(2500), NoVendor, 2500},
-        {REG_DWORD, dword(0), NoVendor, 0},
-        {REG_DWORD, dword(0xFFFFFFFFu), NoVendor, 0xFFFFFFFFu},
-        {REG_SZ, std::string("12", 3), NoVendor, 10000},
-        {REG_SZ, std::string("2500 milliseconds", 18), NoVendor, 10000},
-        {REG_BINARY, dword(2500), NoVendor, 10000},
+        {REG_NONE, "", NoVendor, 10000}, {REG_DWORD, dword(2500), NoVendor, 2500}, {REG_DWORD, dword(0), NoVendor, 0},
+        {REG_DWORD, dword(0xFFFFFFFFu), NoVendor, 0xFFFFFFFFu}, {REG_SZ, std::string("12", 3), NoVendor, 10000},
+        {REG_SZ, std::string("2500 milliseconds", 18), NoVendor, 10000}, {REG_BINARY, dword(2500), NoVendor, 10000},
         {REG_QWORD, dword(2500) + dword(0), NoVendor, 10000},
         {REG_DWORD, dword(2500), VendorTimeout, 1234},
         {REG_DWORD, dword(2500), VendorKeyOnly, 10000},         // the default, not the machine value
@@ -163,8 +159,7 @@ TEST_CASE("time-out table: the machine value as a REG_DWORD only; a configured v
         {REG_DWORD, dword(2500), TimeoutWithoutVendor, 2500},  // an unconfigured vendor's key is ignored
     };
     for (const Row& row : rows) {
-        CAPTURE(row.type);
-        CAPTURE(static_cast<int>(row.setup));
+        CAPTURE(row.type * 10 + row.setup);
         ScopedVendorId id(row.setup == NoVendor ? "" : vendor);
         ScopedRegistryKey machine(HKEY_LOCAL_MACHINE, base);
         if (row.type != REG_NONE)

@@ -114,10 +114,8 @@ TEST_CASE("a full table refuses a sixteenth grant; a grant for a listed pid repl
     Cleanup cleanup;
     DynamicProcessTrust table;
     const struct { std::wstring pid, path; GrantResult result; } refusals[] = {
-        {L"", kPath, GrantResult::InvalidPid},
-        {L"12a", kPath, GrantResult::InvalidPid},
-        {kPid, std::wstring(1026, L'p'), GrantResult::PathTooLong},
-        {kPid, L"", GrantResult::PathNotStorable},
+        {L"", kPath, GrantResult::InvalidPid}, {L"12a", kPath, GrantResult::InvalidPid},
+        {kPid, std::wstring(1026, L'p'), GrantResult::PathTooLong}, {kPid, L"", GrantResult::PathNotStorable},
     };
     for (const auto& row : refusals)
         CHECK(TarnGrant::GrantProcess(table, row.pid, row.path) == row.result);

@@ -10,10 +10,7 @@ using namespace ContainerTest;
 
 namespace {
 
-std::wstring Self()
-{
-    return std::to_wstring(static_cast<unsigned long>(::GetCurrentProcessId()));
-}
+std::wstring Self() { return std::to_wstring(static_cast<unsigned long>(::GetCurrentProcessId())); }
 
 } // namespace
 
@@ -25,21 +22,12 @@ TEST_CASE("tarngrant usage and refusal table: exit code and the one line that sa
     REQUIRE(ended.Finish().exitCode == 0);
     const std::wstring endedPid = std::to_wstring(ended.Pid());
     const std::wstring longest = L"C:\\" + std::wstring(1018, L'a') + L".exe";  // 1025 characters
-    struct Row {
-        std::vector<std::wstring> args;
-        DWORD exit;
-        std::string err;  // prefix of standard error ("" for none checked)
-    };
+    struct Row { std::vector<std::wstring> args; DWORD exit; std::string err; };  // err: a prefix ("" for none checked)
     const std::vector<Row> rows = {
-        {{L"--help"}, 0, ""},
-        {{}, 2, ""},
-        {{L"frobnicate"}, 2, ""},
+        {{L"--help"}, 0, ""}, {{}, 2, ""}, {{L"frobnicate"}, 2, ""},
         {{L"grant", L"12x"}, 2, "tarngrant: '12x' is not a process id\n"},
-        {{L"grant", L"99999999999"}, 2, ""},
-        {{L"grant", L"--hold", L"x", L"1"}, 2, ""},
-        {{L"revoke"}, 2, ""},
-        {{L"list", L"extra"}, 2, ""},
-        {{L"encrypt"}, 2, ""},
+        {{L"grant", L"99999999999"}, 2, ""}, {{L"grant", L"--hold", L"x", L"1"}, 2, ""},
+        {{L"revoke"}, 2, ""}, {{L"list", L"extra"}, 2, ""}, {{L"encrypt"}, 2, ""},
         {{L"grant", L"4000000000", L"C:\\x.exe"}, 1, "tarngrant: no process with id 4000000000; nothing granted\n"},
         {{L"grant", endedPid, L"C:\\x.exe"}, 1, "tarngrant: "},
         {{L"grant", Self(), longest + L"x"}, 1,

@@ -17,10 +17,7 @@ namespace {
 
 constexpr DWORD kPageLimitMs = 25000;  // far beyond any answer here; a hang ends as a failure
 
-struct Page {
-    ChildResult child;
-    double seconds = 0;
-};
+struct Page { ChildResult child; double seconds = 0; };
 
 // tarnhost.exe on a page at `url` whose script echoes one answer per line.
 Page RunPage(PageHost& pages, const std::wstring& url, const std::vector<std::wstring>& params, const std::string& script)
@@ -38,21 +35,11 @@ Page RunPage(PageHost& pages, const std::wstring& url, const std::vector<std::ws
 }
 
 // `text` and a line end, `times` times.
-std::string Lines(const std::string& text, int times)
-{
-    std::string lines;
-    for (int i = 0; i < times; ++i)
-        lines += text + "\n";
-    return lines;
-}
+std::string Lines(const std::string& text, int times) { return times > 0 ? text + "\n" + Lines(text, times - 1) : ""; }
 
 std::string Asks(const std::string& question, int times) { return Lines("host.Echo(TarnSM." + question + ");", times); }
 
-void DeleteKeptDownloads()
-{
-    for (const auto& file : PageHost::Downloads())
-        ::DeleteFileW(file.c_str());
-}
+void DeleteKeptDownloads() { for (const auto& file : PageHost::Downloads()) ::DeleteFileW(file.c_str()); }
 
 } // namespace
 
