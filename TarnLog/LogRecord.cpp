@@ -19,18 +19,6 @@ std::string ReadField(const char* field, size_t fieldSize)
     return std::string(field, ::strnlen(field, fieldSize));
 }
 
-uint32_t CurrentRecordTime()
-{
-    std::time_t now = std::time(nullptr);
-    std::tm local{};
-#ifdef _WIN32
-    localtime_s(&local, &now);
-#else
-    localtime_r(&now, &local);
-#endif
-    return static_cast<uint32_t>(std::mktime(&local));
-}
-
 std::string FormatRecordText(const LogRecord& record)
 {
     std::time_t when = static_cast<std::time_t>(record.time);

@@ -39,9 +39,6 @@ void CopyField(char* field, size_t fieldSize, const char* text);
 // Reads a field that another process wrote: stops at the terminator or the field's end.
 std::string ReadField(const char* field, size_t fieldSize);
 
-// The record's time: now, through local broken-down time and back, as seconds since 1970.
-uint32_t CurrentRecordTime();
-
 // "[MM/DD/YYYY hh:mm:ss][Process: ...][PID: 0x..][Thread: 0x..][Class: ...][Msg: ...]"
 std::string FormatRecordText(const LogRecord& record);
 std::string FormatRecordText(const LogRecord& record, const std::tm& local);
