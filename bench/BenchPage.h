@@ -1,6 +1,7 @@
 #pragma once
-// A control made in process and the page site it is put on: tarnhost's browser site, with
-// the page's own security manager, as the tests use it.
+// A control made in process and the page site it is put on: tarnhost's browser site without
+// a security manager of its own, so that zones come from the platform's manager, as in a
+// browser, and the floors pay for the same platform calls as the control.
 
 #include "BrowserSite.h"
 
@@ -12,9 +13,7 @@ namespace BenchPage {
 
 inline Microsoft::WRL::ComPtr<TarnHost::BrowserSite> Site(const std::wstring& url)
 {
-    return TarnBase::MakeCom<TarnHost::BrowserSite>(TarnHost::SiteMode::Normal, url,
-                                                    TarnBase::MakeCom<TarnHost::SecurityManager>(
-                                                        std::vector<TarnHost::ZoneRule>{}));
+    return TarnBase::MakeCom<TarnHost::BrowserSite>(TarnHost::SiteMode::Normal, url, nullptr);
 }
 
 inline IUnknown* Unknown(const Microsoft::WRL::ComPtr<TarnHost::BrowserSite>& site)

@@ -15,6 +15,7 @@
 //   container_bench           full run, results as Markdown table rows
 //   container_bench --short   a few samples, for the test run (never fails on timing)
 
+#include "TarnBase/win/Owners.h"
 #include "BrowserSite.h"
 #include "TarnBase/KernelObjectName.h"
 #include "TarnBase/win/Handle.h"
@@ -54,10 +55,7 @@ const wchar_t kPageUrl[] = L"file:///C:/x/page.html";
 
 
 
-struct ComApartment {
-    ComApartment() { ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED); }
-    ~ComApartment() { ::CoUninitialize(); }
-};
+using TarnBase::ComApartment;
 
 // The platform calls one container question makes, with no records and no lists.
 class BareQuestion {
@@ -88,7 +86,7 @@ public:
         DWORD zone = 0;
         if (SUCCEEDED(hr))
             hr = manager->MapUrlToZone(location, &zone, 0);
-        ::SysFreeString(location);
+        ::SysFreeString(location);  // the floor frees by hand, as bare platform code does
         if (FAILED(hr) || zone != 0)
             return false;
 

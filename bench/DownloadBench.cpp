@@ -54,9 +54,11 @@ bool BareDiscovery(IServiceProvider* provider, DWORD& zone)
         return false;
     ComPtr<IInternetSecurityManager> manager;
     HRESULT hr = provider->QueryService(IID_IInternetSecurityManager, IID_PPV_ARGS(&manager));
+    if (FAILED(hr))
+        hr = ::CoCreateInstance(CLSID_InternetSecurityManager, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&manager));
     if (SUCCEEDED(hr))
         hr = manager->MapUrlToZone(location, &zone, 0);
-    ::SysFreeString(location);
+    ::SysFreeString(location);  // the floor frees by hand, as bare platform code does
     return SUCCEEDED(hr);
 }
 

@@ -15,6 +15,7 @@
 // The signed data files come from $TARN_BINARY_DIR/trustfiles/www, else from
 // <exe dir>/../trustfiles/www (the "trustfiles" test fixture makes them).
 
+#include "TarnBase/win/Owners.h"
 #include "TarnSM/SiteList.h"
 #include "BenchPage.h"
 #include "TarnBase/win/Handle.h"
@@ -98,10 +99,12 @@ bool BareDiscovery(IServiceProvider* provider, std::wstring& location, DWORD& zo
         return false;
     ComPtr<IInternetSecurityManager> manager;
     HRESULT hr = provider->QueryService(IID_IInternetSecurityManager, IID_PPV_ARGS(&manager));
+    if (FAILED(hr))
+        hr = ::CoCreateInstance(CLSID_InternetSecurityManager, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&manager));
     if (SUCCEEDED(hr))
         hr = manager->MapUrlToZone(url, &zone, 0);
     location.assign(url, ::SysStringLen(url));
-    ::SysFreeString(url);
+    ::SysFreeString(url);  // the floor frees by hand, as bare platform code does
     return SUCCEEDED(hr);
 }
 
@@ -185,9 +188,7 @@ int RunChild(bool ours, const std::string& dataUrl)
     bool ok = false;
     if (ours) {
         auto control = BenchPage::NewControl();
-        BSTR property = ::SysAllocString(Widen(dataUrl).c_str());
-        control->put_TrustedSiteDataFileURL(property);
-        ::SysFreeString(property);
+        control->put_TrustedSiteDataFileURL(TarnBase::UniqueBstr(::SysAllocString(Widen(dataUrl).c_str())).Get());
         control->SetSite(BenchPage::Unknown(site));
         VARIANT_BOOL answer = VARIANT_FALSE;
         const double start = NowUs();
@@ -331,9 +332,7 @@ int main(int argc, char** argv)
     TarnTest::ComApartment apartment;
     auto site = BenchPage::Site(kPageUrl);
     auto control = BenchPage::NewControl();
-    BSTR property = ::SysAllocString(Widen(dataUrl).c_str());
-    control->put_TrustedSiteDataFileURL(property);
-    ::SysFreeString(property);
+    control->put_TrustedSiteDataFileURL(TarnBase::UniqueBstr(::SysAllocString(Widen(dataUrl).c_str())).Get());
     control->SetSite(BenchPage::Unknown(site));
     ComPtr<IDispatch> dispatch;
     control.As(&dispatch);
@@ -342,13 +341,10 @@ int main(int argc, char** argv)
 
     auto invoke = [&] {
         DISPPARAMS none{};
-        VARIANT result;
-        ::VariantInit(&result);
+        TarnBase::UniqueVariant result;
         const HRESULT hr = dispatch->Invoke(kDispIsCurrentSiteTrusted, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD,
-                                            &none, &result, nullptr, nullptr);
-        const bool ok = hr == S_OK && result.vt == VT_BOOL && result.boolVal == VARIANT_TRUE;
-        ::VariantClear(&result);
-        return ok;
+                                            &none, result.Put(), nullptr, nullptr);
+        return hr == S_OK && result.Get()->vt == VT_BOOL && result.Get()->boolVal == VARIANT_TRUE;
     };
     if (!invoke()) {  // fills the cache
         std::fprintf(stderr, "site_trust_bench: the first IsCurrentSiteTrusted through IDispatch failed\n");

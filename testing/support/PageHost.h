@@ -7,6 +7,7 @@
 #include "ChildProcess.h"
 #include "RingReader.h"
 #include "Scratch.h"
+#include "TarnBase/win/Owners.h"
 #include "TarnLog/Log.h"
 #include "TarnSMX_h.h"
 #include "TarnSM/win/Guids.h"
@@ -23,10 +24,7 @@ namespace TarnTest {
 
 using Microsoft::WRL::ComPtr;
 
-struct ComApartment {
-    ComApartment() { ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED); }
-    ~ComApartment() { ::CoUninitialize(); }
-};
+using TarnBase::ComApartment;
 
 inline ComPtr<ITarnSM> CreateControl(const wchar_t* progId = L"TarnSM.TarnSM")
 {
@@ -161,11 +159,9 @@ public:
         ::GetTempPathW(MAX_PATH, folder);
         std::set<std::wstring> names;
         WIN32_FIND_DATAW found{};
-        const HANDLE search = ::FindFirstFileW((std::wstring(folder) + L"PTI*.tmp").c_str(), &found);
-        for (bool more = search != INVALID_HANDLE_VALUE; more; more = ::FindNextFileW(search, &found))
+        const TarnBase::UniqueFindHandle search(::FindFirstFileW((std::wstring(folder) + L"PTI*.tmp").c_str(), &found));
+        for (bool more = static_cast<bool>(search); more; more = ::FindNextFileW(search.Get(), &found))
             names.insert(std::wstring(folder) + found.cFileName);
-        if (search != INVALID_HANDLE_VALUE)
-            ::FindClose(search);
         return names;
     }
 

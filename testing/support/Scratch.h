@@ -2,6 +2,7 @@
 // Scratch folders and files of the Windows tests, removed with everything in them.
 
 #include "TarnBase/win/Handle.h"
+#include "TarnBase/win/Owners.h"
 
 #include <windows.h>
 
@@ -45,14 +46,13 @@ inline bool FileExists(const std::wstring& path)
 inline void DeleteTree(const std::wstring& dir)
 {
     WIN32_FIND_DATAW found{};
-    const HANDLE search = ::FindFirstFileW((dir + L"\\*").c_str(), &found);
-    if (search != INVALID_HANDLE_VALUE) {
+    const TarnBase::UniqueFindHandle search(::FindFirstFileW((dir + L"\\*").c_str(), &found));
+    if (search) {
         do {
             const std::wstring name = found.cFileName, path = dir + L"\\" + name;
             if (name != L"." && name != L"..")
                 (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) ? DeleteTree(path) : void(::DeleteFileW(path.c_str()));
-        } while (::FindNextFileW(search, &found));
-        ::FindClose(search);
+        } while (::FindNextFileW(search.Get(), &found));
     }
     ::RemoveDirectoryW(dir.c_str());
 }

@@ -1,4 +1,5 @@
 #include "PageHost.h"
+#include "TarnBase/win/Owners.h"
 
 #include <doctest.h>
 
@@ -11,9 +12,8 @@ namespace {
 // The text of `text` ("<null>" for null), which is freed.
 std::wstring Take(BSTR text)
 {
-    const std::wstring copy = text ? std::wstring(text, ::SysStringLen(text)) : L"<null>";
-    ::SysFreeString(text);
-    return copy;
+    const TarnBase::UniqueBstr owned(text);
+    return text ? std::wstring(text, ::SysStringLen(text)) : L"<null>";
 }
 
 std::wstring Help(ITypeInfo* info, MEMBERID id)
@@ -84,14 +84,11 @@ TEST_SUITE("the control through IDispatch")
         CHECK(get(control.Get(), false) == L"<null>");  // nothing stored at creation
         for (const std::wstring& text : {std::wstring(L"../data/sites.dll"), std::wstring(L"<null>"), std::wstring(),
                                          std::wstring(L"a\0b", 3)}) {  // bytes kept exactly
-            BSTR value = text == L"<null>" ? nullptr : ::SysAllocStringLen(text.data(), UINT(text.size()));
-            CHECK(control->put_TrustedSiteDataFileURL(value) == S_OK);
-            ::SysFreeString(value);
+            const TarnBase::UniqueBstr value(text == L"<null>" ? nullptr : ::SysAllocStringLen(text.data(), UINT(text.size())));
+            CHECK(control->put_TrustedSiteDataFileURL(value.Get()) == S_OK);
             CHECK(get(control.Get(), false) == text);
         }
-        BSTR vendor = ::SysAllocString(L"acme");
-        CHECK(second->put_VendorID(vendor) == S_OK);
-        ::SysFreeString(vendor);
+        CHECK(second->put_VendorID(TarnBase::UniqueBstr(::SysAllocString(L"acme")).Get()) == S_OK);
         CHECK(get(control.Get(), true) == L"acme");
         CHECK(control->put_VendorID(nullptr) == S_OK);  // null clears it for everyone
         CHECK(get(second.Get(), true) == L"");
@@ -103,7 +100,8 @@ TEST_SUITE("the control through IDispatch")
         ComPtr<ITarnSM> control = CreateControl();
         REQUIRE(control);
         const size_t before = CountRingMessages("IsSiteTrusted: Not implemented.");
-        BSTR site = ::SysAllocString(L"example.com");
+        const TarnBase::UniqueBstr siteName(::SysAllocString(L"example.com"));
+        BSTR site = siteName.Get();
         const std::pair<HRESULT, HRESULT (*)(ITarnSM*, BSTR, VARIANT_BOOL*)> calls[] = {
             {S_OK, [](ITarnSM* c, BSTR, VARIANT_BOOL* a) { return c->IsCurrentSiteAvailable(a); }},
             {S_OK, [](ITarnSM* c, BSTR, VARIANT_BOOL* a) { return c->IsCurrentSiteLocal(a); }},
@@ -117,7 +115,6 @@ TEST_SUITE("the control through IDispatch")
             CHECK(call.second(control.Get(), site, &answer) == call.first);
             CHECK(answer == VARIANT_FALSE);
         }
-        ::SysFreeString(site);
         CHECK(CountRingMessages("IsSiteTrusted: Not implemented.") == before + 2);
         CHECK(CountRingMessages("GetCurrentSiteURLAndZone: Failed to QI to IServiceProvider from our site.") >= 2);
         CHECK(CountRingMessages("IsCurrentSiteAvailableInternal: Failed to get current site URL.") >= 1);

@@ -86,11 +86,9 @@ TEST_SUITE("the control's standard interfaces")
         CLSID clsid{};
         CHECK((persist->GetClassID(&clsid) == S_OK && ::IsEqualCLSID(clsid, TarnSMX::kClsidTarnSM)));
         auto text = [](ITarnSM* c, bool vendor) {
-            BSTR value = nullptr;
-            CHECK((vendor ? c->get_VendorID(&value) : c->get_TrustedSiteDataFileURL(&value)) == S_OK);
-            const std::wstring copy = value ? value : L"<null>";
-            ::SysFreeString(value);
-            return copy;
+            TarnBase::UniqueBstr value;
+            CHECK((vendor ? c->get_VendorID(value.Put()) : c->get_TrustedSiteDataFileURL(value.Put())) == S_OK);
+            return std::wstring(value ? value.Get() : L"<null>");
         };
         auto bag = TarnBase::MakeCom<TarnHost::PropertyBag>();
         bag->Set(L"VendorID", L"param-vendor");

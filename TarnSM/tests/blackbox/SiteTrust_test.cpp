@@ -182,9 +182,7 @@ TEST_CASE_FIXTURE(Pages, "the cache keeps each scheme's lists: an https and an h
         ComPtr<IObjectWithSite> withSite;
         REQUIRE(control.As(&withSite) == S_OK);
         REQUIRE(withSite->SetSite(static_cast<IServiceProvider*>(site.Get())) == S_OK);
-        BSTR value = ::SysAllocString(url.c_str());
-        control->put_TrustedSiteDataFileURL(value);
-        ::SysFreeString(value);
+        control->put_TrustedSiteDataFileURL(TarnBase::UniqueBstr(::SysAllocString(url.c_str())).Get());
         VARIANT_BOOL answer = VARIANT_FALSE;
         CHECK(control->IsCurrentSiteTrusted(&answer) == S_OK);
         withSite->SetSite(nullptr);

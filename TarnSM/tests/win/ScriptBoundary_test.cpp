@@ -2,6 +2,7 @@
 // caller gets E_FAIL, error information naming the case, and the records that say why.
 #include "LogCapture.h"
 
+#include "TarnBase/win/Owners.h"
 #include "TarnSM/win/ScriptBoundary.h"
 
 #include <doctest.h>
@@ -10,7 +11,7 @@
 
 TEST_CASE("boundary table: thrown kind -> description, records (level, text)")
 {
-    ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    const TarnBase::ComApartment com;
     // {thrown: 0 a platform status code, 1 a library exception, 2 anything else -> description, records}
     struct Row { int kind; const wchar_t* description; std::vector<std::pair<unsigned, std::string>> records; };
     const Row rows[] = {
@@ -32,12 +33,10 @@ TEST_CASE("boundary table: thrown kind -> description, records (level, text)")
         CHECK(hr == E_FAIL);
         Microsoft::WRL::ComPtr<IErrorInfo> error;
         REQUIRE(::GetErrorInfo(0, &error) == S_OK);
-        BSTR description = nullptr, source = nullptr;
-        error->GetDescription(&description);
-        error->GetSource(&source);
-        CHECK(std::wstring(description) + L"|" + source == std::wstring(row.description) + L"|TarnSM.TarnSM.1");
-        ::SysFreeString(description);
-        ::SysFreeString(source);
+        TarnBase::UniqueBstr description, source;
+        error->GetDescription(description.Put());
+        error->GetSource(source.Put());
+        CHECK(std::wstring(description.Get()) + L"|" + source.Get() == std::wstring(row.description) + L"|TarnSM.TarnSM.1");
         // Exactly these records, in this order, each matched by level and prefix.
         std::vector<std::pair<unsigned, std::string>> seen;
         for (const auto& r : capture.Records())
@@ -47,5 +46,4 @@ TEST_CASE("boundary table: thrown kind -> description, records (level, text)")
             }
         CHECK(seen == row.records);
     }
-    ::CoUninitialize();
 }
