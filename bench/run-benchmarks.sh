@@ -8,7 +8,7 @@ set -eu
 build=$(cd "$1" && pwd)
 mode=${2:-}
 src=$(cd "$(dirname "$0")/.." && pwd)
-export WINEPREFIX="$build/wineprefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree=;mshtml="
+prefix="$build/wineprefix"; . "$src/testing/wine-vars.sh"
 "$src/testing/wine-env.sh" up "$build" >/dev/null
 trap '"$src/testing/wine-env.sh" down "$build"' EXIT
 

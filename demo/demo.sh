@@ -5,7 +5,7 @@
 set -eu
 build=$(cd "$1" && pwd)
 src=$(cd "$(dirname "$0")/.." && pwd)
-export WINEPREFIX="$build/wineprefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree=;mshtml="
+prefix="$build/wineprefix"; . "$src/testing/wine-vars.sh"
 work="$build/demo"
 host="$build/tools/tarnhost/tarnhost.exe"
 tarnlog="$build/tools/tarnlog/tarnlog.exe"

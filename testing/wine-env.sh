@@ -8,9 +8,7 @@ set -eu
 src=$(cd "$(dirname "$0")/.." && pwd)
 cmd=$1
 build=$(cd "$2" && pwd)
-export WINEPREFIX="$build/wineprefix"
-export WINEDEBUG=-all
-export WINEDLLOVERRIDES="mscoree=;mshtml="
+prefix="$build/wineprefix"; . "$src/testing/wine-vars.sh"
 portfile="$WINEPREFIX/drive_c/tarnweb.port"
 web_down() {
     [ -f "$build/tarnweb.pid" ] && kill "$(cat "$build/tarnweb.pid")" 2>/dev/null || true

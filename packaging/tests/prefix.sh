@@ -3,7 +3,7 @@
 #   prefix.sh up <prefix> <root.pem>   create it, trust the test root, keep its server warm
 #   prefix.sh down <prefix>            stop its server and delete it
 set -eu
-export WINEPREFIX="$2" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree=;mshtml="
+prefix="$2"; . "$(dirname "$0")/../../testing/wine-vars.sh"
 case "$1" in
 up)
     [ -d "$WINEPREFIX" ] && { wineserver -k 2>/dev/null || true; rm -rf "$WINEPREFIX"; }

@@ -7,7 +7,7 @@
 set -eu
 build=$(cd "$1" && pwd)
 src=$(cd "$(dirname "$0")/../.." && pwd)
-export WINEPREFIX="$build/wineprefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree=;mshtml="
+prefix="$build/wineprefix"; . "$src/testing/wine-vars.sh"
 pki="$build/pki"
 out="$build/trustfiles"
 www="$out/www"
