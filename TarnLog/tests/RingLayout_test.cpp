@@ -5,9 +5,9 @@
 
 #include <doctest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,128 +20,66 @@ void Put32(std::vector<uint8_t>& bytes, size_t at, uint32_t value) { std::memcpy
 
 void PutMessage(std::vector<uint8_t>& ring, uint32_t sequence, const std::string& text)
 {
-    const uint32_t count = ring.size() > 292 ? static_cast<uint32_t>((ring.size() - 292) / 692) : 1;
-    std::memcpy(&ring[292 + static_cast<size_t>(sequence % count) * 692 + 180], text.data(), text.size());
+    std::memcpy(&ring[292 + sequence % ((ring.size() - 292) / 692) * 692 + 180], text.data(), text.size());
 }
 
 // A ring of `count` entries holding the message "seq <n>" for each record n still stored.
 std::vector<uint8_t> MakeRing(uint32_t count, uint32_t writeCounter)
 {
     std::vector<uint8_t> ring(292 + static_cast<size_t>(count) * 692, 0);
-    Put32(ring, 0, 1);
-    Put32(ring, 4, writeCounter);
-    Put32(ring, 8, count);
-    for (uint32_t sequence = writeCounter - std::min(writeCounter, count); sequence != writeCounter; ++sequence)
+    Put32(ring, 0, 1), Put32(ring, 4, writeCounter), Put32(ring, 8, count);
+    for (uint32_t sequence = (writeCounter > count ? writeCounter - count : 0); sequence != writeCounter; ++sequence)
         PutMessage(ring, sequence, "seq " + std::to_string(sequence));
     return ring;
 }
 
-std::string Messages(const std::vector<LogRecord>& records)
+// "counter/count:messages" from a snapshot, or "counter lost n:messages" reading on from `seen`.
+std::string Read(const std::vector<uint8_t>& ring, std::optional<uint32_t> seen = {})
 {
-    std::string text;
-    for (const auto& record : records)
+    RingSnapshot snapshot;
+    std::string error, text;
+    uint32_t lost = 99;
+    const bool read = seen ? ReadRingSince(ring.data(), ring.size(), *seen, snapshot.records, snapshot.writeCounter, lost)
+                           : SnapshotRing(ring.data(), ring.size(), snapshot, error);
+    if (!read)
+        return snapshot.records.empty() && (seen || !error.empty()) ? "refused" : "refused badly";
+    for (const auto& record : snapshot.records)
         text += ReadField(record.message, sizeof record.message) + ";";
-    return text;
+    return std::to_string(snapshot.writeCounter) +
+           (seen ? " lost " + std::to_string(lost) : "/" + std::to_string(snapshot.entryCount)) + ":" + text;
 }
 
 } // namespace
 
-TEST_CASE("a snapshot lists the records oldest first, before and after the ring wraps")
+TEST_CASE("the readers list the records oldest first, report what was overwritten, across the 32-bit wrap")
 {
-    const struct { uint32_t counter; const char* messages; } table[] = {
-        {0, ""},
-        {3, "seq 0;seq 1;seq 2;"},
-        {7, "seq 3;seq 4;seq 5;seq 6;"},  // record 6 overwrote entry 2
-    };
-    for (const auto& row : table) {
-        const auto ring = MakeRing(4, row.counter);
-        RingSnapshot snapshot;
-        std::string error;
-        REQUIRE(SnapshotRing(ring.data(), ring.size(), snapshot, error));
-        CHECK((snapshot.writeCounter == row.counter && snapshot.entryCount == 4u));
-        CHECK(Messages(snapshot.records) == row.messages);
-    }
-}
-
-TEST_CASE("reading on from a counter reports what was overwritten in between, across the 32-bit wrap")
-{
+    CHECK(Read(MakeRing(4, 0)) == "0/4:");
+    CHECK(Read(MakeRing(4, 3)) == "3/4:seq 0;seq 1;seq 2;");
+    CHECK(Read(MakeRing(4, 7)) == "7/4:seq 3;seq 4;seq 5;seq 6;");  // record 6 overwrote entry 2
+    const auto ring = MakeRing(4, 10);  // reading on from a counter:
+    CHECK(Read(ring, 8) == "10 lost 0:seq 8;seq 9;");
+    CHECK(Read(ring, 3) == "10 lost 3:seq 6;seq 7;seq 8;seq 9;");  // 3, 4 and 5 were overwritten
+    CHECK(Read(ring, 10) == "10 lost 0:");
     auto wrapped = MakeRing(4, 0);
     Put32(wrapped, 4, 2);
     for (uint32_t sequence : {0xFFFFFFFEu, 0xFFFFFFFFu, 0u, 1u})
         PutMessage(wrapped, sequence, "n" + std::to_string(sequence));
-    const auto ring = MakeRing(4, 10);
-    const struct { const std::vector<uint8_t>* ring; uint32_t seen, counter, lost; const char* messages; } table[] = {
-        {&ring, 8, 10, 0, "seq 8;seq 9;"},
-        {&ring, 3, 10, 3, "seq 6;seq 7;seq 8;seq 9;"},  // 3, 4 and 5 were overwritten
-        {&ring, 10, 10, 0, ""},
-        {&wrapped, 0xFFFFFFFEu, 2, 0, "n4294967294;n4294967295;n0;n1;"},
-    };
-    for (const auto& row : table) {
-        std::vector<LogRecord> records;
-        uint32_t counter = 0, lost = 99;
-        REQUIRE(ReadRingSince(row.ring->data(), row.ring->size(), row.seen, records, counter, lost));
-        CHECK((counter == row.counter && lost == row.lost));
-        CHECK(Messages(records) == row.messages);
-    }
+    CHECK(Read(wrapped, 0xFFFFFFFEu) == "2 lost 0:n4294967294;n4294967295;n0;n1;");
 }
 
-TEST_CASE("a damaged header is refused, never followed outside the mapping")
+TEST_CASE("a damaged header or slot name is refused, never followed outside the mapping")
 {
     size_t bytes = 0;
     CHECK_FALSE((RingBytes(0, bytes) || RingBytes(0xFFFFFFFFu, bytes) || IsUsableRing(nullptr, 1000)));
-    const struct { uint32_t count; size_t size; } table[] = {
-        {0, 0}, {0xFFFFFFFFu, 0}, {5, 0},  // 5: one more than the mapping holds
-        {4, 291},                          // a mapping shorter than the header
-    };
-    for (const auto& row : table) {
+    // 5: one more than the mapping holds; 291 bytes: a mapping shorter than the header.
+    for (const auto& [count, size] : {std::pair<uint32_t, size_t>{0, 0}, {0xFFFFFFFFu, 0}, {5, 0}, {4, 291}}) {
         auto ring = MakeRing(4, 9);
-        Put32(ring, 8, row.count);
-        if (row.size)
-            ring.resize(row.size);
-        RingSnapshot snapshot;
-        std::string error;
-        std::vector<LogRecord> records;
-        uint32_t counter = 0, lost = 0;
+        Put32(ring, 8, count);
+        ring.resize(size ? size : ring.size());
         CHECK_FALSE(IsUsableRing(ring.data(), ring.size()));
-        CHECK_FALSE(SnapshotRing(ring.data(), ring.size(), snapshot, error));
-        CHECK_FALSE(ReadRingSince(ring.data(), ring.size(), 0, records, counter, lost));
-        CHECK((!error.empty() && snapshot.records.empty() && records.empty()));
+        CHECK((Read(ring) == "refused" && Read(ring, 0) == "refused"));
     }
-}
-
-TEST_CASE("an entry count changed while the reader runs never takes it outside the mapping")
-{
-    // Another process may rewrite the header at any moment, lock or no lock. The mapping
-    // holds 4 entries; the header flips between 4 and a count that does not fit it.
-    std::vector<uint8_t> ring = MakeRing(4, 8);
-    std::atomic<bool> stop{false};
-    std::thread flipper([&] {
-        for (unsigned i = 0; !stop.load(std::memory_order_relaxed); ++i)
-            std::memcpy(ring.data() + 8, i & 1 ? "\xA0\x0F\0\0" : "\x04\0\0\0", 4);  // 4000 or 4
-    });
-    size_t tooMany = 0;
-    for (int i = 0; i < 20000; ++i) {
-        RingSnapshot snapshot;
-        std::string error;
-        SnapshotRing(ring.data(), ring.size(), snapshot, error);
-        tooMany += snapshot.records.size() > 4 ? 1 : 0;
-        std::vector<LogRecord> records;
-        uint32_t counter = 0, lost = 0;
-        if (ReadRingSince(ring.data(), ring.size(), 6, records, counter, lost))
-            tooMany += records.size() != 2 ? 1 : 0;
-    }
-    stop = true;
-    flipper.join();
-    CHECK(tooMany == 0);
-    // Once the header is whole again the same ring reads: the reader refused only bad counts.
-    std::memcpy(ring.data() + 8, "\x04\0\0\0", 4);
-    RingSnapshot snapshot;
-    std::string error;
-    CHECK(SnapshotRing(ring.data(), ring.size(), snapshot, error));
-}
-
-TEST_CASE("slot names are only taken when in use and terminated inside the slot")
-{
+    // A notification slot's name is only taken when in use and terminated inside the slot.
     NotificationSlot slot{};
     std::memset(slot.eventName, 'A', sizeof slot.eventName - 1);
     CHECK(SlotEventName(slot).empty());  // not in use
@@ -149,4 +87,26 @@ TEST_CASE("slot names are only taken when in use and terminated inside the slot"
     CHECK(SlotEventName(slot) == std::string(31, 'A'));
     slot.eventName[31] = 'A';
     CHECK(SlotEventName(slot).empty());  // 32 characters and no terminator
+}
+
+TEST_CASE("an entry count changed while the reader runs never takes it outside the mapping")
+{
+    // Another process may rewrite the header at any moment, lock or no lock: 4 entries fit.
+    std::vector<uint8_t> ring = MakeRing(4, 8);
+    std::atomic<bool> stop{false};
+    std::thread flipper([&] {
+        for (unsigned i = 0; !stop.load(std::memory_order_relaxed); ++i)
+            std::memcpy(ring.data() + 8, i & 1 ? "\xA0\x0F\0\0" : "\x04\0\0\0", 4);  // 4000 or 4
+    });
+    size_t wrong = 0;
+    for (int i = 0; i < 20000; ++i) {
+        const std::string snapshot = Read(ring), since = Read(ring, 6u);
+        wrong += (snapshot != "refused" && snapshot != "8/4:seq 4;seq 5;seq 6;seq 7;") +
+                 (since != "refused" && since != "8 lost 0:seq 6;seq 7;");
+    }
+    stop = true;
+    flipper.join();
+    CHECK(wrong == 0);
+    std::memcpy(ring.data() + 8, "\x04\0\0\0", 4);  // whole again: only bad counts were refused
+    CHECK(Read(ring) == "8/4:seq 4;seq 5;seq 6;seq 7;");
 }

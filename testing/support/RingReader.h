@@ -1,9 +1,7 @@
 #pragma once
-// Reads back what the real logger put into the machine-wide log ring, the way an outside
-// viewer does: the mapping opened read-only, the ring mutex held only while bytes are
-// copied out. RingHeaderEditor plays a second process that writes the header (a reader
-// publishing its event, or a broken process damaging the header). The critical file is
-// read back here too, since a record that misses the ring must still reach it.
+// Reads back the machine-wide log ring as an outside viewer does (read-only, the mutex held
+// only while copying); RingHeaderEditor plays a second process writing the header. The
+// critical file is read back here too, since a record that misses the ring must reach it.
 
 #include "ChildProcess.h"
 #include "TarnBase/KernelObjectName.h"
@@ -29,17 +27,13 @@ namespace TarnTest {
 inline std::string Nonce()
 {
     static std::atomic<unsigned> counter{0};
-    return std::to_string(::GetCurrentProcessId()) + "-" + std::to_string(::GetTickCount()) + "-" +
-           std::to_string(counter++);
+    return std::to_string(::GetCurrentProcessId()) + "-" + std::to_string(::GetTickCount()) + "-" + std::to_string(counter++);
 }
 
 inline std::string MessageOf(const TarnLog::LogRecord& r) { return TarnLog::ReadField(r.message, sizeof r.message); }
 inline std::string ClassOf(const TarnLog::LogRecord& r) { return TarnLog::ReadField(r.className, sizeof r.className); }
 
-inline uint32_t Le32(const uint8_t* at)
-{
-    return at[0] | at[1] << 8 | at[2] << 16 | static_cast<uint32_t>(at[3]) << 24;
-}
+inline uint32_t Le32(const uint8_t* at) { return at[0] | at[1] << 8 | at[2] << 16 | static_cast<uint32_t>(at[3]) << 24; }
 
 inline std::string RingMappingName() { return TarnBase::MakeKernelObjectName(TarnLog::kRingMappingName, true); }
 inline std::string RingMutexName() { return TarnBase::MakeKernelObjectName(TarnLog::kRingMutexName, true); }
@@ -53,13 +47,8 @@ public:
         const DWORD wait = mutex ? ::WaitForSingleObject(mutex, timeoutMs) : WAIT_FAILED;
         m_held = wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED;
     }
-    ~RingMutexHold()
-    {
-        if (m_held)
-            ::ReleaseMutex(m_mutex);
-    }
-    RingMutexHold(const RingMutexHold&) = delete;
-    RingMutexHold& operator=(const RingMutexHold&) = delete;
+    ~RingMutexHold() { m_held && ::ReleaseMutex(m_mutex); }
+    RingMutexHold(const RingMutexHold&) = delete; RingMutexHold& operator=(const RingMutexHold&) = delete;
     bool Held() const { return m_held; }
 
 private:
@@ -73,16 +62,14 @@ public:
     // False when no process has the ring open.
     bool Open(bool writable)
     {
+        const DWORD access = writable ? FILE_MAP_READ | FILE_MAP_WRITE : FILE_MAP_READ;
         m_view.Reset();
-        m_mapping.Reset(::OpenFileMappingA(writable ? FILE_MAP_READ | FILE_MAP_WRITE : FILE_MAP_READ, FALSE,
-                                           RingMappingName().c_str()));
-        if (!m_mapping)
-            return false;
-        m_view.Reset(::MapViewOfFile(m_mapping.Get(), writable ? FILE_MAP_READ | FILE_MAP_WRITE : FILE_MAP_READ, 0, 0, 0));
+        m_mapping.Reset(::OpenFileMappingA(access, FALSE, RingMappingName().c_str()));
+        m_view.Reset(m_mapping ? ::MapViewOfFile(m_mapping.Get(), access, 0, 0, 0) : nullptr);
         MEMORY_BASIC_INFORMATION info{};
         m_size = m_view && ::VirtualQuery(m_view.Get(), &info, sizeof info) ? info.RegionSize : 0;
         m_mutex.Reset(::OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, RingMutexName().c_str()));
-        return m_view && m_size >= TarnLog::kRingHeaderSize && m_mutex;
+        return IsOpen();
     }
     bool IsOpen() const { return m_view && m_size >= TarnLog::kRingHeaderSize && m_mutex; }
     uint8_t* Base() const { return static_cast<uint8_t*>(m_view.Get()); }
@@ -99,15 +86,12 @@ private:
 class RingReader {
 public:
     RingReader() { m_view.Open(false); }
-    bool IsOpen() { return m_view.IsOpen() || m_view.Open(false); }
 
     // The whole mapping as it was at one moment.
     bool CopyBytes(std::vector<uint8_t>& bytes, DWORD lockTimeoutMs = 5000)
     {
         bytes.clear();
-        if (!IsOpen())
-            return false;
-        RingMutexHold hold(m_view.Mutex(), lockTimeoutMs);
+        RingMutexHold hold(m_view.IsOpen() || m_view.Open(false) ? m_view.Mutex() : nullptr, lockTimeoutMs);
         if (!hold.Held())
             return false;
         bytes.assign(m_view.Base(), m_view.Base() + m_view.Size());
@@ -117,11 +101,10 @@ public:
     bool Snapshot(TarnLog::RingSnapshot& snapshot, std::string& error, DWORD lockTimeoutMs = 5000)
     {
         std::vector<uint8_t> bytes;
-        if (!CopyBytes(bytes, lockTimeoutMs)) {
-            error = "the log ring is not open or its mutex was not released";
-            return false;
-        }
-        return TarnLog::SnapshotRing(bytes.data(), bytes.size(), snapshot, error);
+        if (CopyBytes(bytes, lockTimeoutMs))
+            return TarnLog::SnapshotRing(bytes.data(), bytes.size(), snapshot, error);
+        error = "the log ring is not open or its mutex was not released";
+        return false;
     }
 
     // The records of one process still in the ring (whose message contains `part`), oldest first.
@@ -130,10 +113,10 @@ public:
         std::vector<TarnLog::LogRecord> found;
         TarnLog::RingSnapshot snapshot;
         std::string error;
-        if (Snapshot(snapshot, error))
-            for (const auto& record : snapshot.records)
-                if (record.processId == processId && MessageOf(record).find(part) != std::string::npos)
-                    found.push_back(record);
+        Snapshot(snapshot, error);  // no records when the ring cannot be read
+        for (const auto& record : snapshot.records)
+            if (record.processId == processId && MessageOf(record).find(part) != std::string::npos)
+                found.push_back(record);
         return found;
     }
     std::vector<TarnLog::LogRecord> RecordsOfProcess(DWORD processId) { return RecordsWith("", processId); }
@@ -147,13 +130,7 @@ public:
     }
 
     // The write counter, or 0 when the ring cannot be read.
-    uint32_t WriteCounter()
-    {
-        std::vector<uint8_t> bytes;
-        return CopyBytes(bytes) ? Le32(bytes.data() + 4) : 0;
-    }
-
-    const RingView& View() const { return m_view; }
+    uint32_t WriteCounter() { std::vector<uint8_t> bytes; return CopyBytes(bytes) ? Le32(bytes.data() + 4) : 0; }
 
 private:
     RingView m_view;
@@ -169,9 +146,7 @@ public:
     template <typename Change>
     bool Edit(Change change, DWORD lockTimeoutMs = 5000)
     {
-        if (!m_view.IsOpen())
-            return false;
-        RingMutexHold hold(m_view.Mutex(), lockTimeoutMs);
+        RingMutexHold hold(m_view.IsOpen() ? m_view.Mutex() : nullptr, lockTimeoutMs);
         if (!hold.Held())
             return false;
         change(m_view.Base(), m_view.Size());
@@ -186,10 +161,7 @@ public:
     }
 
     // What every reader does after touching a slot: makes each writer reload.
-    bool BumpGeneration()
-    {
-        return Edit([](uint8_t* base, size_t) { ++*reinterpret_cast<uint32_t*>(base); });
-    }
+    bool BumpGeneration() { return Edit([](uint8_t* base, size_t) { ++*reinterpret_cast<uint32_t*>(base); }); }
 
     // Writes 40 raw slot bytes at slot `index` and bumps the generation.
     bool WriteSlot(uint32_t index, const void* slotBytes)
@@ -216,57 +188,48 @@ private:
 // Puts the seven notification slots back as they were, whatever a test did to them.
 class SlotsRestorer {
 public:
-    SlotsRestorer() { m_saved = m_editor.Header(); }
+    SlotsRestorer() = default;
     ~SlotsRestorer()
     {
         m_editor.Edit([&](uint8_t* base, size_t) { std::memcpy(base + 12, m_saved.slots, sizeof m_saved.slots); });
         m_editor.BumpGeneration();
     }
-    SlotsRestorer(const SlotsRestorer&) = delete;
-    SlotsRestorer& operator=(const SlotsRestorer&) = delete;
+    SlotsRestorer(const SlotsRestorer&) = delete; SlotsRestorer& operator=(const SlotsRestorer&) = delete;
     RingHeaderEditor& Editor() { return m_editor; }
 
 private:
     RingHeaderEditor m_editor;
-    TarnLog::RingHeader m_saved{};
+    TarnLog::RingHeader m_saved = m_editor.Header();
 };
 
 inline std::string CriticalFilePath()
 {
     char folder[MAX_PATH] = {};
-    return SUCCEEDED(::SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, folder))
-               ? std::string(folder) + "\\Ostrum\\critical.txt"
-               : std::string();
+    return SUCCEEDED(::SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, folder)) ? std::string(folder) + "\\Ostrum\\critical.txt" : "";
 }
+
+inline std::string FileBytes(const std::string& path) { std::ifstream in(path, std::ios::binary); return {std::istreambuf_iterator<char>(in), {}}; }
 
 // The critical file's records, oldest first (none when there is no file).
-inline std::vector<std::string> CriticalRecords()
-{
-    std::ifstream in(CriticalFilePath(), std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    return TarnLog::ReadCriticalRecords(bytes).records;
-}
+inline std::vector<std::string> CriticalRecords() { return TarnLog::ReadCriticalRecords(FileBytes(CriticalFilePath())).records; }
 
-inline bool CriticalFileHas(const std::string& part)
+// Whether some record of the critical file holds every one of `parts`.
+inline bool CriticalFileHas(const std::string& part, const std::string& andPart = "")
 {
-    for (const auto& record : CriticalRecords())
-        if (record.find(part) != std::string::npos)
+    for (const auto& r : CriticalRecords())
+        if (r.find(part) != std::string::npos && r.find(andPart) != std::string::npos)
             return true;
     return false;
 }
 
 // The logger creates the ring on its first record; readers need it to exist.
-inline void EnsureRing()
-{
-    TarnLog::Log("TarnTest::Ring", 2, "TarnTest: ring wanted by pid %lu.", ::GetCurrentProcessId());
-}
+inline void EnsureRing() { TarnLog::Log("TarnTest::Ring", 2, "TarnTest: ring wanted by pid %lu.", ::GetCurrentProcessId()); }
 
 // testing/logwriter: another process that logs as a host would.
-inline ChildResult RunLogWriter(const std::vector<std::wstring>& args, DWORD timeoutMs = 30000)
+inline ChildResult RunLogWriter(std::vector<std::wstring> args, DWORD timeoutMs = 30000)
 {
-    std::vector<std::wstring> command{BuildPath("testing/logwriter/logwriter.exe")};
-    command.insert(command.end(), args.begin(), args.end());
-    return RunChild(command, timeoutMs);
+    args.insert(args.begin(), BuildPath("testing/logwriter/logwriter.exe"));
+    return RunChild(args, timeoutMs);
 }
 
 } // namespace TarnTest

@@ -1,9 +1,7 @@
 // What other processes, and the host's own threads, can do to the logger without it
 // crashing, freezing or writing where it should not. The first case needs a machine
 // without a log ring, so it comes first and nothing before it in this program logs.
-#include "ChildProcess.h"
 #include "RingReader.h"
-#include "TarnBase/KernelObjectName.h"
 #include "TarnLog/win/CriticalFileOpen.h"
 
 #include <doctest.h>
@@ -18,26 +16,16 @@ using namespace TarnTest;
 
 namespace {
 
-std::string ReadBytes(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
 // Puts the critical file back as it was.
 struct CriticalFileRestore {
-    std::string path = CriticalFilePath();
-    std::optional<std::string> saved;
-    CriticalFileRestore()
-    {
-        if (::GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES)
-            saved = ReadBytes(path);
-    }
+    const std::string path = CriticalFilePath();
+    const bool existed = ::GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+    const std::string saved = FileBytes(path);
     ~CriticalFileRestore()
     {
         ::DeleteFileA(path.c_str());
-        if (saved)
-            std::ofstream(path, std::ios::binary).write(saved->data(), static_cast<std::streamsize>(saved->size()));
+        if (existed)
+            std::ofstream(path, std::ios::binary) << saved;
     }
 };
 
@@ -46,10 +34,7 @@ bool CriticalHasFrom(DWORD processId, const std::string& part)
 {
     char pid[32];
     std::snprintf(pid, sizeof pid, "[PID: 0x%lx]", static_cast<unsigned long>(processId));
-    for (const auto& record : CriticalRecords())
-        if (record.find(pid) != std::string::npos && record.find(part) != std::string::npos)
-            return true;
-    return false;
+    return CriticalFileHas(pid, part);
 }
 
 const char kRingRefused[] = "The log map another process made is damaged, not committed";
@@ -70,9 +55,7 @@ TEST_CASE("a log ring squatted as reserved, never committed memory is refused (W
     REQUIRE(view);
     // A believable header. Windows would fault on this write and on any reader's; Wine takes
     // it, which lets the test see whether the logger would have used the pages.
-    TarnLog::RingHeader header{};
-    header.generation = 1;
-    header.entryCount = TarnLog::kDefaultRingEntries;
+    const TarnLog::RingHeader header{1, 0, TarnLog::kDefaultRingEntries, {}};
     std::memcpy(view.Get(), &header, sizeof header);
 
     CriticalFileRestore restore;
@@ -91,29 +74,24 @@ TEST_CASE("a ring mutex another process keeps costs a writer one bounded wait, a
     TarnBase::UniqueHandle mutex(::CreateMutexA(nullptr, FALSE, RingMutexName().c_str()));
     CriticalFileRestore restore;
     const std::string className = "HostSafety-" + Nonce();
-    ChildResult run;
-    ULONGLONG start = 0;
-    {
-        RingMutexHold hold(mutex.Get(), 5000);
-        REQUIRE(hold.Held());
-        // Ten records, each of which would wait for the mutex if the logger kept waiting.
-        start = ::GetTickCount64();
-        run = RunLogWriter({L"--count", L"10", L"--error-every", L"5", L"--class", Widen(className)});
-    }
-    CHECK((run.started && !run.timedOut && run.exitCode == 0));
-    CHECK(::GetTickCount64() - start < 5000);
+    std::optional<RingMutexHold> hold(std::in_place, mutex.Get(), 5000);
+    REQUIRE(hold->Held());
+    // Ten records, each of which would wait for the mutex if the logger kept waiting.
+    const ULONGLONG start = ::GetTickCount64();
+    const auto run = RunLogWriter({L"--count", L"10", L"--error-every", L"5", L"--class", Widen(className)});
+    hold.reset();
+    CHECK((run.started && !run.timedOut && run.exitCode == 0 && ::GetTickCount64() - start < 5000));
     CHECK(CriticalHasFrom(run.processId, className));
 }
 
 TEST_CASE("a reader's event that another process made keeps its security (Wine shows a label only as a SACL appearing)")
 {
     EnsureRing();
-    RingHeaderEditor editor;
-    const TarnLog::RingHeader saved = editor.Header();
+    SlotsRestorer restore;  // the slots, and a generation bump
     const std::string name = "HostSafety." + std::to_string(::GetCurrentProcessId()) + ".5";
     TarnBase::UniqueHandle event(
         ::CreateEventA(nullptr, TRUE, FALSE, TarnBase::MakeKernelObjectName(name, true).c_str()));
-    REQUIRE((event && editor.PublishEvent(5, name)));
+    REQUIRE((event && restore.Editor().PublishEvent(5, name)));
     CHECK(RunLogWriter({L"--count", L"1"}).exitCode == 0);
     CHECK(::WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0);  // the writer did serve it
     PACL label = nullptr;
@@ -122,11 +100,6 @@ TEST_CASE("a reader's event that another process made keeps its security (Wine s
                               &label, &descriptor) == ERROR_SUCCESS);
     CHECK(label == nullptr);
     ::LocalFree(descriptor);
-    editor.Edit([&](uint8_t* base, size_t) {
-        std::memcpy(base + 12, saved.slots, sizeof saved.slots);
-        const uint32_t generation = saved.generation + 2;
-        std::memcpy(base, &generation, 4);
-    });
 }
 
 TEST_CASE("two threads logging at once leave the host's invalid-parameter handler as it was")
@@ -141,46 +114,37 @@ TEST_CASE("two threads logging at once leave the host's invalid-parameter handle
         }
     };
     std::thread first(logAtOnce), second(logAtOnce);
-    first.join();
-    second.join();
-    const bool unchanged = _set_invalid_parameter_handler(before) == SentinelHandler;  // doctest cannot print it
-    CHECK(unchanged);
+    first.join(), second.join();
+    CHECK((_set_invalid_parameter_handler(before) == SentinelHandler));  // doctest cannot print a handler
 }
 
 TEST_CASE("an oversized critical file is started again, not blanked byte by byte")
 {
     CriticalFileRestore restore;
-    {
-        const uint32_t position = TarnLog::kCriticalWrapPosition;
-        std::ofstream file(restore.path, std::ios::binary | std::ios::trunc);
-        file.write(reinterpret_cast<const char*>(&position), 4).seekp(8 * 1024 * 1024 - 1).put('\0');
-    }
+    std::ofstream(restore.path, std::ios::binary | std::ios::trunc)
+        .write(reinterpret_cast<const char*>(&TarnLog::kCriticalWrapPosition), 4).seekp(8 * 1024 * 1024 - 1).put('\0');
     const std::string marker = "HostSafety oversized " + Nonce();
     TarnLog::Log("HostSafety", 0, "%s", marker.c_str());
-    CHECK(ReadBytes(restore.path).size() <= TarnLog::kCriticalMaxFileSize);
+    CHECK(FileBytes(restore.path).size() <= TarnLog::kCriticalMaxFileSize);
     CHECK(CriticalFileHas(marker));
 }
 
 TEST_CASE("a critical file that is a hard link to another file is not written")
 {
     CriticalFileRestore restore;
-    char folder[MAX_PATH] = {};
-    ::GetTempPathA(MAX_PATH, folder);
-    const std::string victim = std::string(folder) + "hostsafety-victim-" + Nonce() + ".txt";
+    const std::string victim = restore.path + ".victim-" + Nonce();
     std::ofstream(victim, std::ios::binary) << "victim";
     ::DeleteFileA(restore.path.c_str());
     REQUIRE(::CreateHardLinkA(restore.path.c_str(), victim.c_str(), nullptr));
     TarnLog::Log("HostSafety", 0, "HostSafety: a record for the linked file.");
-    CHECK(ReadBytes(victim) == "victim");
-    ::DeleteFileA(restore.path.c_str());
+    CHECK(FileBytes(victim) == "victim");
     ::DeleteFileA(victim.c_str());
 }
 
 TEST_CASE("critical file path checks, with the platform's answers injected (Wine reports no reparse point for links)")
 {
-    using TarnLog::PathEntryFacts;
     constexpr DWORD kFile = FILE_ATTRIBUTE_ARCHIVE, kFolder = FILE_ATTRIBUTE_DIRECTORY, kLink = FILE_ATTRIBUTE_REPARSE_POINT;
-    const struct { const char* what; PathEntryFacts facts; bool directory, plain; } rows[] = {
+    const struct { const char* what; TarnLog::PathEntryFacts facts; bool directory, plain; } rows[] = {
         {"plain file", {kFile, kFile, 1}, false, true},
         {"plain folder", {kFolder, kFolder, 1}, true, true},
         {"symbolic link to a file", {kFile | kLink, kFile | kLink, 1}, false, false},
@@ -191,8 +155,6 @@ TEST_CASE("critical file path checks, with the platform's answers injected (Wine
         {"file where the folder belongs", {kFile, kFile, 1}, true, false},
         {"gone", {INVALID_FILE_ATTRIBUTES, kFile, 1}, false, false},
     };
-    for (const auto& row : rows) {
-        CAPTURE(row.what);
-        CHECK(TarnLog::IsPlainEntry(row.facts, row.directory) == row.plain);
-    }
+    for (const auto& row : rows)
+        CHECK_MESSAGE(TarnLog::IsPlainEntry(row.facts, row.directory) == row.plain, row.what);
 }

@@ -1,12 +1,8 @@
 // The real logger writing the real machine-wide ring, the critical file and the debugger
-// output: entry bytes at their offsets, the registry settings as every logging process sees
-// them after a reader moves the generation, reader notification, and a header or lock that
-// another process has damaged or holds.
-#include "ChildProcess.h"
+// output, with the registry settings, reader slots, header and lock other processes share.
 #include "DebuggerOutput.h"
 #include "Registry.h"
 #include "RingReader.h"
-#include "TarnLog/Log.h"
 #include "TarnLog/LogRecord.h"
 
 #include <doctest.h>
@@ -22,29 +18,22 @@ namespace {
 
 struct Value { const char* name; DWORD type; std::vector<uint8_t> bytes; };
 
-Value Dword(const char* name, DWORD value)
-{
-    const auto* at = reinterpret_cast<const uint8_t*>(&value);
-    return {name, REG_DWORD, {at, at + 4}};
-}
+Value Dword(const char* name, DWORD value) { const auto* at = reinterpret_cast<const uint8_t*>(&value); return {name, REG_DWORD, {at, at + 4}}; }
 
 // Moves the generation, as a viewer does to make every process reload its settings.
 struct GenerationBump { ~GenerationBump() { RingHeaderEditor().BumpGeneration(); } };
 
-// Sets the logger's values under HKCU for the life of the object, then puts the old ones
-// back; each change is followed by a generation bump.
-class LoggerValues {
-public:
+// Sets the logger's values under HKCU for the life of the object; each change (and the
+// restore) is followed by a generation bump.
+struct LoggerValues {
     explicit LoggerValues(const std::vector<Value>& values)
     {
-        for (const auto& value : values)
-            REQUIRE(m_key.SetRaw(value.name, value.type, value.bytes.data(), static_cast<DWORD>(value.bytes.size())));
+        for (const auto& v : values)
+            REQUIRE(key.SetRaw(v.name, v.type, v.bytes.data(), static_cast<DWORD>(v.bytes.size())));
         REQUIRE(RingHeaderEditor().BumpGeneration());
     }
-
-private:
-    GenerationBump m_bumpAfterRestore;  // destroyed last
-    ScopedRegistryKey m_key{HKEY_CURRENT_USER, TarnLog::kLoggerKeyPath};
+    GenerationBump bumpAfterRestore;  // destroyed last
+    ScopedRegistryKey key{HKEY_CURRENT_USER, TarnLog::kLoggerKeyPath};
 };
 
 // A field of `size` bytes holding `text`, its terminator and zeros after it.
@@ -78,16 +67,12 @@ TEST_CASE("logged records in the ring, byte by byte: fields at their offsets, cu
     char path[MAX_PATH] = {};
     const std::string full(path, ::GetModuleFileNameA(nullptr, path, MAX_PATH));
     const uint8_t* entry = &bytes[292 + static_cast<size_t>((counter - 2) % count) * 692];
-    CHECK(FieldIs(entry + 0, 32, full.substr(full.find_last_of('\\') + 1)));
-    CHECK(FieldIs(entry + 32, 128, "Layout::Probe"));
-    CHECK((Le32(entry + 160) + 1 >= before && Le32(entry + 160) <= after + 1));
-    CHECK(FieldIs(entry + 164, 8, "\x01"));
+    CHECK((FieldIs(entry, 32, full.substr(full.find_last_of('\\') + 1)) && FieldIs(entry + 32, 128, "Layout::Probe")));
+    CHECK((Le32(entry + 160) + 1 >= before && Le32(entry + 160) <= after + 1 && FieldIs(entry + 164, 8, "\x01")));
     CHECK((Le32(entry + 172) == ::GetCurrentThreadId() && Le32(entry + 176) == ::GetCurrentProcessId()));
     CHECK(FieldIs(entry + 180, 512, "Layout: probe " + nonce + " and 42."));
-
     const uint8_t* next = &bytes[292 + static_cast<size_t>((counter - 1) % count) * 692];
-    CHECK(FieldIs(next + 32, 64, longClass.substr(0, 63)));
-    CHECK(FieldIs(next + 180, 512, longMessage.substr(0, 511)));
+    CHECK((FieldIs(next + 32, 64, longClass.substr(0, 63)) && FieldIs(next + 180, 512, longMessage.substr(0, 511))));
 }
 
 TEST_CASE("the caller's last-error code survives every kind of log call; wide text goes through the ANSI code page")
@@ -105,11 +90,8 @@ TEST_CASE("the caller's last-error code survives every kind of log call; wide te
         [&] { TarnLog::Log(nullptr, 2, nullptr); },
     };
     for (DWORD code : {DWORD{0xBEEF0001u}, DWORD{ERROR_SUCCESS}})
-        for (const auto& call : calls) {
-            ::SetLastError(code);
-            call();
-            CHECK(::GetLastError() == code);
-        }
+        for (const auto& call : calls)
+            CHECK((::SetLastError(code), call(), ::GetLastError() == code));
     CHECK(RingReader().RecordsWith("Wide: wide-" + nonce + " and more.").size() == 2);
 }
 
@@ -119,43 +101,35 @@ TEST_CASE("the logger's registry values decide where a record goes: ring, critic
     DebuggerOutput debugger;
     REQUIRE(debugger.Ready());
     std::vector<uint8_t> zero4(4, 0), one4{1, 0, 0, 0}, zero8(8, 0);
-    const struct {
-        const char* what;
-        std::vector<Value> values;
-        bool ringDebug, ringError, critical, debuggerDebug, debuggerError;
-    } table[] = {
+    const struct { const char* what; std::vector<Value> values; bool ringDebug, ringError, critical, debuggerDebug, debuggerError; }
+    table[] = {
         {"defaults", {}, true, true, true, false, false},
         {"FilterLogLevel 1", {Dword("FilterLogLevel", 1)}, false, true, true, false, false},
         {"FilterLogLevel 0", {Dword("FilterLogLevel", 0)}, false, false, true, false, false},
         {"EnableCriticalLogger 0", {Dword("EnableCriticalLogger", 0)}, true, true, false, false, false},
         {"EnableOutputDebugString 1", {Dword("EnableOutputDebugString", 1)}, true, true, true, true, true},
-        {"debugger output filtered too",
-         {Dword("EnableOutputDebugString", 1), Dword("FilterLogLevel", 1)}, false, true, true, false, true},
+        {"debugger filtered too", {Dword("EnableOutputDebugString", 1), Dword("FilterLogLevel", 1)}, false, true, true, false, true},
         // Only a 4-byte REG_DWORD counts: look-alikes of 0 and 1 leave the defaults in force.
         {"FilterLogLevel \"0\"", {{"FilterLogLevel", REG_SZ, {'0', 0}}}, true, true, true, false, false},
         {"FilterLogLevel binary 0", {{"FilterLogLevel", REG_BINARY, zero4}}, true, true, true, false, false},
         {"FilterLogLevel qword 0", {{"FilterLogLevel", REG_QWORD, zero8}}, true, true, true, false, false},
         {"EnableCriticalLogger binary 0", {{"EnableCriticalLogger", REG_BINARY, zero4}}, true, true, true, false, false},
         {"EnableCriticalLogger \"0\"", {{"EnableCriticalLogger", REG_SZ, {'0', 0}}}, true, true, true, false, false},
-        {"EnableOutputDebugString binary 1",
-         {{"EnableOutputDebugString", REG_BINARY, one4}}, true, true, true, false, false},
+        {"EnableOutputDebugString binary 1", {{"EnableOutputDebugString", REG_BINARY, one4}}, true, true, true, false, false},
     };
     for (const auto& row : table) {
         INFO(std::string(row.what));
-        const std::string nonce = Nonce();
-        const std::string debugText = "Config: debug " + nonce + ".", errorText = "Config: error " + nonce + ".";
+        const std::string nonce = Nonce(), debugText = "Config: debug " + nonce + ".", errorText = "Config: error " + nonce + ".";
         LoggerValues values(row.values);
         TarnLog::Log("Config::Probe", 2, "%s", debugText.c_str());
         TarnLog::Log("Config::Probe", 0, "%s", errorText.c_str());
 
-        const DWORD wait = row.debuggerDebug || row.debuggerError ? 5000 : 300;
         const struct { const std::string& text; bool ring, debugger; } records[] = {
             {debugText, row.ringDebug, row.debuggerDebug}, {errorText, row.ringError, row.debuggerError}};
         for (const auto& record : records) {
             const auto inRing = RingReader().RecordsWith(record.text);
-            const std::string line = debugger.WaitFor(record.text, wait);
-            CHECK(inRing.size() == (record.ring ? 1u : 0u));
-            CHECK(line.empty() != record.debugger);
+            const std::string line = debugger.WaitFor(record.text, row.debuggerDebug || row.debuggerError ? 5000 : 300);
+            CHECK((inRing.size() == (record.ring ? 1u : 0u) && line.empty() != record.debugger));
             if (!line.empty() && !inRing.empty())  // the record's text form, the critical file's line
                 CHECK(line == TarnLog::FormatRecordText(inRing[0]));
         }
@@ -163,56 +137,35 @@ TEST_CASE("the logger's registry values decide where a record goes: ring, critic
     }
 }
 
-TEST_CASE("a second process adopts the ring's entry count whatever its own registry says")
-{
-    EnsureRing();
-    RingHeaderEditor editor;
-    const uint32_t count = editor.Header().entryCount, counter = editor.Header().writeCounter;
-    std::vector<uint8_t> bytes;
-    {
-        LoggerValues entries({Dword("NumberOfLogEntries", count == 100 ? 150 : 100)});
-        CHECK(RunLogWriter({L"--count", L"1", L"--class", L"Adopt::Probe"}).exitCode == 0);
-        REQUIRE(RingReader().CopyBytes(bytes));
-    }
-    // Generation bumps in between do not write records: the child's record is the next one.
-    REQUIRE((count > 0 && Le32(&bytes[8]) == count && Le32(&bytes[4]) == counter + 1));
-    const uint8_t* entry = &bytes[292 + static_cast<size_t>(counter % count) * 692];
-    CHECK((FieldIs(entry, 32, "logwriter.exe") && FieldIs(entry + 32, 64, "Adopt::Probe")));
-}
-
-TEST_CASE("a damaged entry count in the header is left alone by every writer and refused by readers")
+TEST_CASE("a second process adopts the ring's entry count whatever its registry says; a damaged count is left alone")
 {
     EnsureRing();
     RingHeaderEditor editor;
     const uint32_t count = editor.Header().entryCount;
     REQUIRE(count > 0);
-    struct Restore {
-        RingHeaderEditor& editor;
-        uint32_t count;
-        ~Restore() { editor.Edit([&](uint8_t* base, size_t) { std::memcpy(base + 8, &count, 4); }); }
-    } restore{editor, count};
-
+    LoggerValues entries({Dword("NumberOfLogEntries", count == 100 ? 150 : 100)});
+    struct Restore { RingHeaderEditor& editor; uint32_t count;
+        ~Restore() { editor.Edit([&](uint8_t* base, size_t) { std::memcpy(base + 8, &count, 4); }); } } restore{editor, count};
     const uint32_t tooMany = static_cast<uint32_t>((editor.View().Size() - 292) / 692 + 1);
-    for (uint32_t damaged : {0u, 0xFFFFFFFFu, tooMany}) {
+    for (uint32_t damaged : {count, 0u, 0xFFFFFFFFu, tooMany}) {
         INFO("entry count " << damaged);
         REQUIRE(editor.Edit([&](uint8_t* base, size_t) { std::memcpy(base + 8, &damaged, 4); }));
-        // A process that adopts the ring now must not trust the count: no record, no crash.
-        const uint32_t counter = editor.Header().writeCounter;
+        // A process that adopts the ring now must not trust a damaged count: no record, no crash.
+        const uint32_t counter = editor.Header().writeCounter, written = damaged == count ? 5 : 0;
         const auto child = RunLogWriter({L"--count", L"5", L"--error-every", L"2", L"--class", L"Damaged::Probe"});
-        REQUIRE(child.started);
-        CHECK(child.exitCode == 0);
-        CHECK((editor.Header().writeCounter == counter && editor.Header().entryCount == damaged));
+        CHECK((child.started && child.exitCode == 0));
+        CHECK((editor.Header().writeCounter == counter + written && editor.Header().entryCount == damaged));
 
         // This process validated the count when it attached; it goes on with its own copy.
         const std::string nonce = Nonce();
         TarnLog::Log("Damaged::Probe", 2, "Damaged: own record %s.", nonce.c_str());
         std::vector<uint8_t> bytes;
         REQUIRE(editor.Edit([&](uint8_t* base, size_t size) { bytes.assign(base, base + size); }));
-        CHECK((Le32(&bytes[4]) == counter + 1 && FieldIs(&bytes[292 + static_cast<size_t>(counter % count) * 692 + 180],
-                                                           512, "Damaged: own record " + nonce + ".")));
-        TarnLog::RingSnapshot snapshot;
-        std::string error;
-        CHECK_FALSE(RingReader().Snapshot(snapshot, error));
+        const auto entry = [&](uint32_t n) { return &bytes[292 + static_cast<size_t>(n % count) * 692]; };
+        CHECK((Le32(&bytes[4]) == counter + written + 1 &&
+               FieldIs(entry(counter + written) + 180, 512, "Damaged: own record " + nonce + ".")));
+        CHECK((!written || (FieldIs(entry(counter), 32, "logwriter.exe") && FieldIs(entry(counter) + 32, 64, "Damaged::Probe"))));
+        CHECK(RingReader().RecordsWith(nonce).size() == (written ? 1u : 0u));  // readers refuse a damaged count
     }
 }
 
@@ -234,16 +187,12 @@ TEST_CASE("a reader's event is set by the next record of every process until it 
     TarnBase::UniqueHandle overruns[] = {readerEvent(std::string(31, 'A')), readerEvent(std::string(32, 'A')),
                                          readerEvent(std::string(32, 'A') + "\x01")};
     TarnLog::Log("Slot::Probe", 2, "Slot: from this process.");
-    CHECK(IsSet(event.Get(), 2000));
-    for (const auto& overrun : overruns)
-        CHECK_FALSE(IsSet(overrun.Get()));
-    ::ResetEvent(event.Get());
-    CHECK(RunLogWriter({L"--count", L"1", L"--class", L"Slot::Probe"}).exitCode == 0);
+    CHECK((IsSet(event.Get(), 2000) && !IsSet(overruns[0].Get()) && !IsSet(overruns[1].Get()) && !IsSet(overruns[2].Get())));
+    CHECK((::ResetEvent(event.Get()) && RunLogWriter({L"--count", L"1", L"--class", L"Slot::Probe"}).exitCode == 0));
     CHECK(IsSet(event.Get()));
 
     // Once the slot is cleared (and the generation moved) the writers let the event go.
-    REQUIRE(restore.Editor().ClearSlot(3));
-    ::ResetEvent(event.Get());
+    REQUIRE((restore.Editor().ClearSlot(3) && ::ResetEvent(event.Get())));
     TarnLog::Log("Slot::Probe", 2, "Slot: after the reader left.");
     CHECK_FALSE(IsSet(event.Get()));
 }
@@ -255,21 +204,17 @@ TEST_CASE("a record that cannot get the ring within a second still reaches the c
     const uint32_t counterBefore = RingReader().WriteCounter();
     // Another thread holds the ring mutex through a handle of its own, as another process would.
     TarnBase::UniqueHandle locked(::CreateEventA(nullptr, TRUE, FALSE, nullptr)), done(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    RingHeaderEditor editor;
     std::thread holder([&] {
-        TarnBase::UniqueHandle mutex(::OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, RingMutexName().c_str()));
-        RingMutexHold hold(mutex.Get(), 5000);
-        ::SetEvent(locked.Get());
-        ::WaitForSingleObject(done.Get(), 5000);
+        RingMutexHold hold(editor.View().Mutex(), 5000);
+        ::SetEvent(locked.Get()), ::WaitForSingleObject(done.Get(), 5000);
     });
     REQUIRE(IsSet(locked.Get(), 5000));
-    ::SetLastError(4321);
-    const ULONGLONG start = ::GetTickCount64();
+    const ULONGLONG start = (::SetLastError(4321), ::GetTickCount64());
     TarnLog::Log("Timeout::Probe", 0, "Timeout: locked out %s.", nonce.c_str());
     const ULONGLONG waited = ::GetTickCount64() - start;
     CHECK(::GetLastError() == 4321u);
-    ::SetEvent(done.Get());
-    holder.join();
-    CHECK((waited >= 900 && waited < 3000));
-    CHECK(RingReader().WriteCounter() == counterBefore);
+    ::SetEvent(done.Get()), holder.join();
+    CHECK((waited >= 900 && waited < 3000 && RingReader().WriteCounter() == counterBefore));
     CHECK(CriticalFileHas("[Class: Timeout::Probe][Msg: Timeout: locked out " + nonce + ".]"));
 }

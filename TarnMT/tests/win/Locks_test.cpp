@@ -17,20 +17,9 @@ namespace {
 // Holds a mutex on a thread of its own: mutexes are recursive for their owner, so "held
 // elsewhere" needs another thread.
 struct Holder {
-    explicit Holder(Mutex& mutex)
-        : thread([&mutex, this] {
-              held.set_value(mutex.Acquire(INFINITE));
-              release.get_future().wait();
-              mutex.Release();
-          })
-    {
-        REQUIRE(held.get_future().get());
-    }
-    ~Holder()
-    {
-        release.set_value();
-        thread.join();
-    }
+    explicit Holder(Mutex& mutex) : thread([&mutex, this] { held.set_value(mutex.Acquire(INFINITE)), release.get_future().wait(), mutex.Release(); })
+    { REQUIRE(held.get_future().get()); }
+    ~Holder() { release.set_value(), thread.join(); }
     std::promise<bool> held;
     std::promise<void> release;
     std::thread thread;
@@ -39,25 +28,15 @@ struct Holder {
 bool FreeForOthers(Mutex& mutex)
 {
     bool acquired = false;
-    std::thread([&] {
-        if ((acquired = mutex.Acquire(0)))
-            mutex.Release();
-    }).join();
+    std::thread([&] { (acquired = mutex.Acquire(0)) && (mutex.Release(), true); }).join();
     return acquired;
 }
 
 // Stays alive, deaf to its yield event, until destroyed.
-class Parked : public Thread {
-public:
-    ~Parked() override
-    {
-        ::SetEvent(m_release.Get());
-        WaitForThreadToEnd(5000, nullptr, nullptr);
-    }
-    DWORD Run() override { return ::WaitForSingleObject(m_release.Get(), INFINITE); }
-
-private:
-    TarnBase::UniqueHandle m_release{::CreateEventA(nullptr, TRUE, FALSE, nullptr)};
+struct Parked : Thread {
+    ~Parked() override { ::SetEvent(release.Get()), WaitForThreadToEnd(5000, nullptr, nullptr); }
+    DWORD Run() override { return ::WaitForSingleObject(release.Get(), INFINITE); }
+    TarnBase::UniqueHandle release{::CreateEventA(nullptr, TRUE, FALSE, nullptr)};
 };
 
 } // namespace
@@ -67,8 +46,7 @@ TEST_CASE("named mutexes share one kernel object; configuring a created mutex ch
     const std::string name = "Local\\TarnMT::LocksTest::" + std::to_string(::GetCurrentProcessId());
     TarnTest::LogCapture capture;
     Mutex first, second;
-    first.Config(name, nullptr);
-    second.Config(name, nullptr);
+    first.Config(name, nullptr), second.Config(name, nullptr);
     Holder holder(first);
     CHECK_FALSE(second.Acquire(0));
     second.Config("Local\\Other", nullptr);
@@ -76,48 +54,34 @@ TEST_CASE("named mutexes share one kernel object; configuring a created mutex ch
     TarnTest::Expect(capture, {
         {"", 2, "Internel CreateMutex call was successful, but indicated that a handle to an already existing named object was returned."},
         {"", 1, "Mutex object Acquire operation failed due to timeout. Timeout interval: 0 (milliseconds)."},
-        {"", 2, "Mutex object Config operation failed because the object is already configured."},
-    });
+        {"", 2, "Mutex object Config operation failed because the object is already configured."}});
 }
 
-TEST_CASE("mutex acquire: abandoned counts as acquired; a bound yield event aborts the wait, a free mutex wins over it")
+TEST_CASE("mutex acquire: abandoned counts as acquired; a bound yield event aborts the wait, a free mutex wins; AutoLockMutex")
 {
     Mutex mutex;
     std::thread([&] { mutex.Acquire(INFINITE); }).join();
-    CHECK(mutex.Acquire(1000));
-    CHECK_FALSE(FreeForOthers(mutex));
-    mutex.Release();
-    CHECK(FreeForOthers(mutex));
+    CHECK((mutex.Acquire(1000) && !FreeForOthers(mutex)));
+    CHECK((mutex.Release(), FreeForOthers(mutex)));
 
     Parked worker;
-    REQUIRE(worker.Execute());
-    REQUIRE(::SetEvent(worker.GetYieldEvent()));
+    REQUIRE((worker.Execute() && ::SetEvent(worker.GetYieldEvent())));
     {
         TarnTest::LogCapture capture;
         Holder holder(mutex);
         CHECK_THROWS_AS(mutex.Acquire(10000, &worker), ThreadAbortException);
-        TarnTest::ExpectInOrder(capture, {
-            {"", 1, "Mutex object Acquire operation detected that the bound TarnMT::Thread object has been terminated."},
-            {"", 0, "Throwing TarnMT::ThreadAbortException exception type. File: Mutex Line: ..."},
-        });
+        TarnTest::ExpectInOrder(capture, {{"", 1, "Mutex object Acquire operation detected that the bound TarnMT::Thread object has been terminated."},
+                                          {"", 0, "Throwing TarnMT::ThreadAbortException exception type. File: Mutex Line: ..."}});
     }
-    CHECK(mutex.Acquire(1000, &worker));
-    mutex.Release();
-}
+    CHECK((mutex.Acquire(1000, &worker) && (mutex.Release(), true)));
 
-TEST_CASE("AutoLockMutex: holds for its scope; a null mutex and a time-out throw")
-{
-    Mutex mutex;
+    // AutoLockMutex holds for its scope; a null mutex and a time-out throw.
     TarnTest::LogCapture capture;
     CHECK_THROWS_AS(AutoLockMutex(nullptr, 0), TarnBase::InvalidParameterException);
-    {
-        AutoLockMutex lock(&mutex, 1000);
-        CHECK_FALSE(FreeForOthers(mutex));
-    }
+    CHECK_FALSE((AutoLockMutex(&mutex, 1000), FreeForOthers(mutex)));
     Holder holder(mutex);
     CHECK_THROWS_AS(AutoLockMutex(&mutex, 0), AutoLockTimeoutException);
     TarnTest::ExpectInOrder(capture, {
         {"TarnMT::AutoLockMutex", 0, "Throwing TarnBase::InvalidParameterException exception type. File: AutoLockMutex Line: ..."},
-        {"TarnMT::AutoLockMutex", 1, "Throwing TarnMT::AutoLockTimeoutException exception type. File: AutoLockMutex Line: ..."},
-    });
+        {"TarnMT::AutoLockMutex", 1, "Throwing TarnMT::AutoLockTimeoutException exception type. File: AutoLockMutex Line: ..."}});
 }
