@@ -93,12 +93,16 @@ inline std::wstring SourcePath(const std::string& relative)
 
 class Process {
 public:
+    // Room for a fast writer's output between two polls, so that a child (a log follower, say)
+    // is never slowed down by its own pipe.
+    static constexpr DWORD kPipeBytes = 4u << 20;
+
     explicit Process(const std::vector<std::wstring>& args, bool suspended = false, bool newConsole = false)
     {
         SECURITY_ATTRIBUTES inherit{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
         TarnBase::UniqueHandle outWrite, errWrite, nulIn;
-        if (!::CreatePipe(m_outRead.Put(), outWrite.Put(), &inherit, 0) ||
-            !::CreatePipe(m_errRead.Put(), errWrite.Put(), &inherit, 0))
+        if (!::CreatePipe(m_outRead.Put(), outWrite.Put(), &inherit, kPipeBytes) ||
+            !::CreatePipe(m_errRead.Put(), errWrite.Put(), &inherit, kPipeBytes))
             return;
         ::SetHandleInformation(m_outRead.Get(), HANDLE_FLAG_INHERIT, 0);
         ::SetHandleInformation(m_errRead.Get(), HANDLE_FLAG_INHERIT, 0);
@@ -204,7 +208,7 @@ private:
     void Pump()
     {
         for (;;) {
-            const bool ended = ::WaitForSingleObject(m_process.Get(), 10) == WAIT_OBJECT_0;
+            const bool ended = ::WaitForSingleObject(m_process.Get(), 2) == WAIT_OBJECT_0;
             bool more = true;
             while (more) {
                 more = false;
