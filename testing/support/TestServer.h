@@ -7,6 +7,8 @@
 #include "ChildProcess.h"
 
 #include <winsock2.h>
+#include "TarnBase/win/Handle.h"
+
 #include <wininet.h>
 #include <windows.h>
 
@@ -76,17 +78,21 @@ public:
 private:
     std::string Base() const { return "http://127.0.0.1:" + std::to_string(m_port); }
 
+    // The server's own control pages. A busy machine can refuse a connection now and then; a
+    // control request changes nothing twice, so it is tried a few times.
     std::string Get(const std::string& pathAndQuery) const
     {
         std::string body;
-        const HINTERNET session = ::InternetOpenA("TarnTest", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0);
-        const HINTERNET request = ::InternetOpenUrlA(session, (Base() + pathAndQuery).c_str(), nullptr, 0,
-                                                     INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE, 0);
-        char buffer[256];
-        for (DWORD read = 0; request && ::InternetReadFile(request, buffer, sizeof buffer, &read) && read > 0;)
-            body.append(buffer, read);
-        ::InternetCloseHandle(request);
-        ::InternetCloseHandle(session);
+        for (int attempt = 0; attempt < 3 && body.empty(); ++attempt) {
+            const TarnBase::UniqueInternetHandle session(
+                ::InternetOpenA("TarnTest", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0));
+            const TarnBase::UniqueInternetHandle request(::InternetOpenUrlA(
+                session.Get(), (Base() + pathAndQuery).c_str(), nullptr, 0,
+                INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE, 0));
+            char buffer[256];
+            for (DWORD read = 0; request && ::InternetReadFile(request.Get(), buffer, sizeof buffer, &read) && read > 0;)
+                body.append(buffer, read);
+        }
         return body;
     }
 
