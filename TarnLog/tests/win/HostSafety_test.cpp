@@ -98,8 +98,8 @@ TEST_CASE("a reader's event that another process made keeps its security (Wine s
     PSECURITY_DESCRIPTOR descriptor = nullptr;
     REQUIRE(::GetSecurityInfo(event.Get(), SE_KERNEL_OBJECT, LABEL_SECURITY_INFORMATION, nullptr, nullptr, nullptr,
                               &label, &descriptor) == ERROR_SUCCESS);
+    const TarnBase::UniqueLocal owned(descriptor);
     CHECK(label == nullptr);
-    ::LocalFree(descriptor);
 }
 
 TEST_CASE("two threads logging at once leave the host's invalid-parameter handler as it was")
