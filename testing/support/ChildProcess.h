@@ -5,6 +5,7 @@
 // test can hang ctest.
 
 #include "TarnBase/win/Handle.h"
+#include "tools/common/Console.h"
 
 #include <windows.h>
 
@@ -28,26 +29,9 @@ struct ChildResult {
     std::string err;
 };
 
-inline std::wstring Widen(const std::string& text)
-{
-    if (text.empty())
-        return std::wstring();
-    const int n = ::MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    std::wstring wide(static_cast<size_t>(n), L'\0');
-    ::MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &wide[0], n);
-    return wide;
-}
-
-inline std::string Narrow(const std::wstring& text)
-{
-    if (text.empty())
-        return std::string();
-    const int n = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr,
-                                        nullptr);
-    std::string narrow(static_cast<size_t>(n), '\0');
-    ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &narrow[0], n, nullptr, nullptr);
-    return narrow;
-}
+// Tests speak UTF-8, Windows UTF-16: the tools' conversions serve both.
+inline std::wstring Widen(const std::string& text) { return TarnTools::FromUtf8(text); }
+inline std::string Narrow(const std::wstring& text) { return TarnTools::ToUtf8(text); }
 
 inline std::wstring QuoteArgument(const std::wstring& arg)
 {

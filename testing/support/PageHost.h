@@ -37,14 +37,7 @@ inline ComPtr<ITarnSM> CreateControl(const wchar_t* progId = L"TarnSM.TarnSM")
 }
 
 // Messages of process `pid` still in the machine-wide log ring, oldest first.
-inline std::vector<std::string> MessagesOf(DWORD pid)
-{
-    std::vector<std::string> messages;
-    RingReader ring;
-    for (const auto& record : ring.RecordsOfProcess(pid))
-        messages.push_back(TarnLog::ReadField(record.message, sizeof record.message));
-    return messages;
-}
+inline std::vector<std::string> MessagesOf(DWORD pid) { return RingReader().MessagesOf(pid); }
 
 // How often this process put `message` into the ring.
 inline size_t CountRingMessages(const std::string& message)

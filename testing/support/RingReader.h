@@ -10,6 +10,7 @@
 #include "TarnLog/Log.h"
 #include "TarnLog/RingLayout.h"
 #include "TarnLog/win/Logger.h"
+#include "tools/tarnlog/SharedRing.h"
 
 #include <windows.h>
 #include <shlobj.h>
@@ -38,49 +39,17 @@ inline uint32_t Le32(const uint8_t* at) { return at[0] | at[1] << 8 | at[2] << 1
 inline std::string RingMappingName() { return TarnBase::MakeKernelObjectName(TarnLog::kRingMappingName, true); }
 inline std::string RingMutexName() { return TarnBase::MakeKernelObjectName(TarnLog::kRingMutexName, true); }
 
-// Holds the ring mutex of a handle for a scope. An abandoned mutex counts as taken, as it
-// does for the logger.
-class RingMutexHold {
-public:
-    RingMutexHold(HANDLE mutex, DWORD timeoutMs) : m_mutex(mutex)
-    {
-        const DWORD wait = mutex ? ::WaitForSingleObject(mutex, timeoutMs) : WAIT_FAILED;
-        m_held = wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED;
-    }
-    ~RingMutexHold() { m_held && ::ReleaseMutex(m_mutex); }
-    RingMutexHold(const RingMutexHold&) = delete; RingMutexHold& operator=(const RingMutexHold&) = delete;
-    bool Held() const { return m_held; }
+// The ring opened and locked exactly as the tarnlog tool does it.
+using RingMutexHold = TarnLogTool::RingLock;
 
-private:
-    HANDLE m_mutex;
-    bool m_held = false;
-};
-
-// The bytes of one mapping view and the ring mutex, opened by name.
-class RingView {
-public:
+struct RingView : TarnLogTool::SharedRing {
     // False when no process has the ring open.
     bool Open(bool writable)
     {
-        const DWORD access = writable ? FILE_MAP_READ | FILE_MAP_WRITE : FILE_MAP_READ;
-        m_view.Reset();
-        m_mapping.Reset(::OpenFileMappingA(access, FALSE, RingMappingName().c_str()));
-        m_view.Reset(m_mapping ? ::MapViewOfFile(m_mapping.Get(), access, 0, 0, 0) : nullptr);
-        MEMORY_BASIC_INFORMATION info{};
-        m_size = m_view && ::VirtualQuery(m_view.Get(), &info, sizeof info) ? info.RegionSize : 0;
-        m_mutex.Reset(::OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, RingMutexName().c_str()));
-        return IsOpen();
+        std::string error;
+        return SharedRing::Open(writable, error) == TarnLogTool::OpenResult::Opened;
     }
-    bool IsOpen() const { return m_view && m_size >= TarnLog::kRingHeaderSize && m_mutex; }
-    uint8_t* Base() const { return static_cast<uint8_t*>(m_view.Get()); }
-    size_t Size() const { return m_size; }
-    HANDLE Mutex() const { return m_mutex.Get(); }
-
-private:
-    TarnBase::UniqueHandle m_mapping;
-    TarnBase::UniqueMappedView m_view;
-    TarnBase::UniqueHandle m_mutex;
-    size_t m_size = 0;
+    bool IsOpen() const { return Base() && Mutex(); }
 };
 
 class RingReader {
