@@ -1,11 +1,11 @@
 #pragma once
 // Scratch folders and files of the Windows tests, removed with everything in them.
 
-#include "TarnBase/win/Handle.h"
-#include "TarnBase/win/Owners.h"
-
 #include <windows.h>
 
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 namespace TarnTest {
@@ -19,23 +19,15 @@ inline std::string Unique(const std::string& base)
 
 inline bool WriteBytes(const std::wstring& path, const std::string& bytes)
 {
-    TarnBase::UniqueFile file(
-        ::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    DWORD written = 0;
-    return file && ::WriteFile(file.Get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) &&
-           written == bytes.size();
+    std::ofstream out(std::filesystem::path(path), std::ios::binary | std::ios::trunc);
+    return out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())).flush().good();
 }
 
 inline bool ReadBytes(const std::wstring& path, std::string& bytes)
 {
-    bytes.clear();
-    TarnBase::UniqueFile file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                            FILE_ATTRIBUTE_NORMAL, nullptr));
-    char buffer[4096];
-    DWORD read = 0;
-    while (file && ::ReadFile(file.Get(), buffer, sizeof buffer, &read, nullptr) && read > 0)
-        bytes.append(buffer, read);
-    return static_cast<bool>(file);
+    std::ifstream in(std::filesystem::path(path), std::ios::binary);
+    bytes.assign(std::istreambuf_iterator<char>(in), {});
+    return in.is_open();
 }
 
 inline bool FileExists(const std::wstring& path)
@@ -45,16 +37,8 @@ inline bool FileExists(const std::wstring& path)
 
 inline void DeleteTree(const std::wstring& dir)
 {
-    WIN32_FIND_DATAW found{};
-    const TarnBase::UniqueFindHandle search(::FindFirstFileW((dir + L"\\*").c_str(), &found));
-    if (search) {
-        do {
-            const std::wstring name = found.cFileName, path = dir + L"\\" + name;
-            if (name != L"." && name != L"..")
-                (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) ? DeleteTree(path) : void(::DeleteFileW(path.c_str()));
-        } while (::FindNextFileW(search.Get(), &found));
-    }
-    ::RemoveDirectoryW(dir.c_str());
+    std::error_code ignored;  // what cannot go now (a file still open) is left to the temporary folder
+    std::filesystem::remove_all(dir, ignored);
 }
 
 // A fresh directory under the temporary folder.
@@ -78,8 +62,8 @@ public:
     // Writes a file below the directory, creating the folders on the way.
     bool Put(const std::wstring& relative, const std::string& bytes) const
     {
-        for (size_t slash = relative.find(L'\\'); slash != std::wstring::npos; slash = relative.find(L'\\', slash + 1))
-            ::CreateDirectoryW((m_path + L"\\" + relative.substr(0, slash)).c_str(), nullptr);
+        std::error_code ignored;
+        std::filesystem::create_directories(std::filesystem::path(*this / relative).parent_path(), ignored);
         return WriteBytes(*this / relative, bytes);
     }
 
