@@ -108,27 +108,6 @@ TEST_CASE("a grant holds for its own process and path only, never on a remote pa
     }
 }
 
-TEST_CASE("racing hosts of one executable, half of them granted: each grant used exactly once, by its own process")
-{
-    TarnTest::PageHost pages;
-    Table table;
-    std::vector<std::unique_ptr<Process>> hosts;
-    for (int i = 0; i < 6; ++i)
-        hosts.push_back(StartHost(pages, L"myhost.exe", 2));
-    for (size_t i = 1; i < hosts.size(); i += 2)
-        Grant(table, hosts[i]->Pid(), pages.Host(L"myhost.exe"));
-    for (auto& host : hosts)
-        host->Resume();
-    for (size_t i = 0; i < hosts.size(); ++i) {
-        CAPTURE(i);
-        const auto run = hosts[i]->Finish();
-        CHECK(run.out == (i % 2 ? "true\ntrue\n" : "false\nfalse\n"));
-        CHECK(Count(run.processId, "ClearTrustedProcess():  Successfully cleared process with PID = " +
-                                       std::to_string(run.processId) + ".") == long(i % 2));
-    }
-    CHECK(TarnGrant::ListProcesses(table.table).empty());
-}
-
 TEST_CASE("random bytes written into the table by another process never crash a host and never grant")
 {
     TarnTest::PageHost pages;
