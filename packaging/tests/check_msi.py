@@ -68,17 +68,14 @@ with tempfile.TemporaryDirectory() as tmp:
     check(added == expected, "install adds exactly the expected keys; missing %s, unexpected %s"
           % (sorted(expected - added), sorted(added - expected)))
     installed = sorted(files1 - files0)
-    check(installed == ["Program Files (x86)/Ostrum/", "Program Files (x86)/Ostrum/TarnSMX/",
-                        "Program Files (x86)/Ostrum/TarnSMX/TarnSMX.dll", "Program Files/Ostrum/",
-                        "Program Files/Ostrum/TarnSMX/", "Program Files/Ostrum/TarnSMX/TarnSMX.dll"],
+    check(installed == [f + s for f in ("Program Files (x86)", "Program Files")
+                        for s in ("/Ostrum/", "/Ostrum/TarnSMX/", "/Ostrum/TarnSMX/TarnSMX.dll")],
           "install adds both DLLs to Program Files: %s" % installed)
-    cls = r"HKLM\Software\Classes\CLSID\%s\InprocServer32" % CLSID
-    check(query(cls) == r"REG_SZ C:\Program Files\Ostrum\TarnSMX\TarnSMX.dll", "64-bit class: 64-bit DLL")
-    check(query(cls.replace("Classes", r"Classes\Wow6432Node"))
-          == r"REG_SZ C:\Program Files (x86)\Ostrum\TarnSMX\TarnSMX.dll", "32-bit class: 32-bit DLL")
-    for software in (r"HKLM\Software", r"HKLM\Software\Wow6432Node"):
-        check(query(software + r"\Ostrum\Kestrel\Config\TarnSM\TestVendor", "TrustedSiteDownloadTimeout")
-              == "REG_DWORD 0x9c4", software + ": the vendor's time-out, a DWORD")
+    for view, folder in (("", "Program Files"), ("\\Wow6432Node", "Program Files (x86)")):
+        check(query(r"HKLM\Software\Classes%s\CLSID\%s\InprocServer32" % (view, CLSID))
+              == "REG_SZ C:\\%s\\Ostrum\\TarnSMX\\TarnSMX.dll" % folder, "class%s: the DLL in %s" % (view, folder))
+        check(query(r"HKLM\Software%s\Ostrum\Kestrel\Config\TarnSM\TestVendor" % view, "TrustedSiteDownloadTimeout")
+              == "REG_DWORD 0x9c4", "Software%s: the vendor's time-out, a DWORD" % view)
     answers = wine(prefix, "cscript", "//nologo", win_path(os.path.join(here, "create.js")), "TestVendor")
     # Not sited: no page; cscript.exe is trusted only through the vendor's container list.
     check(answers.stdout.split() == ["false", "false", "TestVendor", "true"],
