@@ -13,6 +13,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -172,4 +174,36 @@ TEST_CASE("an object whose mutex name is taken by another kind of object is inva
     CHECK_THROWS_AS(table.IsTrustedProcess(kPid, kPath), TarnBase::InvalidObjectException);
     TarnTest::ExpectInOrder(log, {{"", 1, "DynamicProcessTrust():  Failed to construct properly."},
                                   {"", 1, "IsTrustedProcess(): Error - Object is invalid."}});
+}
+
+TEST_CASE("random bytes another process writes into the table, even while it is read, never grant")
+{
+    DynamicProcessTrust table;
+    REQUIRE(table.Initialize());
+    RawTable raw;
+    uint8_t* bytes = raw.Bytes();
+    std::mt19937 random(1234);
+    std::generate(bytes, bytes + kTableBytes, [&] { return static_cast<uint8_t>(random()); });
+    // Our identifiers over garbage paths: random units without a terminator, or the path in clear.
+    std::memcpy(bytes + EntryOffset(1), kPid.c_str(), (kPid.size() + 1) * sizeof(wchar_t));
+    std::memcpy(bytes + EntryOffset(4), kOtherPid.c_str(), (kOtherPid.size() + 1) * sizeof(wchar_t));
+    std::memcpy(bytes + EntryOffset(4) + kPidFieldBytes, kPath.c_str(), (kPath.size() + 1) * sizeof(wchar_t));
+    int granted = 0;
+    const auto askAll = [&] {
+        for (const std::wstring& pid : {kPid, kOtherPid, std::wstring(L"4294967295")})
+            granted += table.ConsumeTrustedProcess(pid, kPath);
+    };
+    askAll();  // before the scribbling starts, then while it goes on
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {  // without the mutex
+        for (std::mt19937 local(99); !stop; ::Sleep(0))
+            for (size_t entry = local() % kTableEntryCount, k = 0; k < kTableEntryBytes; k += 4)
+                bytes[EntryOffset(entry) + k] = static_cast<uint8_t>(local());
+    });
+    for (int i = 0; i < 300; ++i)
+        askAll();
+    stop = true;
+    writer.join();
+    std::memset(bytes, 0, kTableBytes);
+    CHECK(granted == 0);
 }
