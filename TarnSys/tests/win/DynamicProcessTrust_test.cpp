@@ -3,7 +3,6 @@
 #include "tools/tarngrant/TrustTableWriter.h"
 #include "TarnSys/win/DynamicProcessTrust.h"
 
-#include "TarnBase/Exceptions.h"
 #include "TarnBase/KernelObjectName.h"
 #include "TarnSys/TrustTable.h"
 
@@ -161,19 +160,6 @@ TEST_CASE("a mapping of that name made too small by another process is refused")
     TarnTest::ExpectInOrder(log, {{"", -1, "InitMemoryMap():  Failed to create/open shared memory. HRESULT = <0x8007..."},
                                   {"", 1, "IsTrustedProcess():  Failed to intialize shared memory."},
                                   {"", 1, "ClearTrustedProcess():  Failed to intialize shared memory."}});
-}
-
-TEST_CASE("an object whose mutex name is taken by another kind of object is invalid")
-{
-    TarnBase::UniqueHandle squatter(
-        ::CreateEventA(nullptr, TRUE, FALSE, TarnBase::MakeKernelObjectName(kTableMutexName, true).c_str()));
-    REQUIRE(squatter);  // the program runs alone: the table's mutex does not exist between cases
-    TarnTest::LogCapture log;
-    DynamicProcessTrust table;
-    CHECK_FALSE(table.IsValid());
-    CHECK_THROWS_AS(table.IsTrustedProcess(kPid, kPath), TarnBase::InvalidObjectException);
-    TarnTest::ExpectInOrder(log, {{"", 1, "DynamicProcessTrust():  Failed to construct properly."},
-                                  {"", 1, "IsTrustedProcess(): Error - Object is invalid."}});
 }
 
 TEST_CASE("random bytes another process writes into the table, even while it is read, never grant")
