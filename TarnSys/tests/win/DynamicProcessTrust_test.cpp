@@ -43,13 +43,13 @@ struct RawTable {
     TarnBase::UniqueHandle mapping;
     TarnBase::UniqueMappedView view;
     bool existed = false;
-    explicit RawTable(DWORD size = static_cast<DWORD>(kTableBytes))
+    RawTable()
     {
         const std::string name = TarnBase::MakeKernelObjectName(kTableMappingName, false);
-        mapping.Reset(::CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, size, name.c_str()));
+        mapping.Reset(::CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, kTableBytes, name.c_str()));
         existed = ::GetLastError() == ERROR_ALREADY_EXISTS;
         if (mapping)
-            view.Reset(::MapViewOfFile(mapping.Get(), FILE_MAP_ALL_ACCESS, 0, 0, size));
+            view.Reset(::MapViewOfFile(mapping.Get(), FILE_MAP_ALL_ACCESS, 0, 0, kTableBytes));
     }
     uint8_t* Bytes() const { return static_cast<uint8_t*>(view.Get()); }
 };
@@ -144,22 +144,6 @@ TEST_CASE("threads racing for one grant: exactly one clears or consumes it; none
     done = true;
     holder.join();
     CHECK(writer.IsTrustedProcess(kPid, kPath));  // still there for a later question
-}
-
-TEST_CASE("a mapping of that name made too small by another process is refused")
-{
-    RawTable squatter(4096);
-    REQUIRE(squatter.mapping);
-    REQUIRE_FALSE(squatter.existed);  // the program runs alone: no table exists between cases
-    TarnTest::LogCapture log;
-    DynamicProcessTrust table;
-    CHECK_FALSE(table.Initialize());
-    CHECK_FALSE(table.IsTrustedProcess(kPid, kPath));
-    CHECK_FALSE(table.ClearTrustedProcess(kPid, kPath));
-    CHECK(TarnGrant::GrantProcess(table, kPid, kPath) == GrantResult::Unavailable);
-    TarnTest::ExpectInOrder(log, {{"", -1, "InitMemoryMap():  Failed to create/open shared memory. HRESULT = <0x8007..."},
-                                  {"", 1, "IsTrustedProcess():  Failed to intialize shared memory."},
-                                  {"", 1, "ClearTrustedProcess():  Failed to intialize shared memory."}});
 }
 
 TEST_CASE("random bytes another process writes into the table, even while it is read, never grant")
