@@ -60,7 +60,6 @@ TEST_CASE("kernel object names: namespaces on NT 5 and later only, bad names ref
         {"TarnLogger::Logger::Mutex::3.0", true, xp, "Global\\TarnLogger::Logger::Mutex::3.0"},
         {"Table", false, xp, "Local\\Table"},
         {"global\\Table", false, xp, "global\\Table"},
-        {"LOCAL\\Table", true, xp, "LOCAL\\Table"},
         {"Global\\a\\b", true, xp, "Global\\a\\b"},  // a prefixed name is kept whole
         {std::string(260, 'x'), true, xp, "Global\\" + std::string(260, 'x')},
         {"Table", true, nt4, "Table"},

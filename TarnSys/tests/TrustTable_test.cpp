@@ -101,7 +101,6 @@ TEST_CASE("look-up by process identifier: first match wins, case ignored, all 15
     CHECK(FindEntry(table.data(), table.size(), u"1014") == size_t{14});
     REQUIRE(WriteEntry(table.data(), table.size(), 6, std::vector<uint8_t>(kTableEntryBytes, 0)));
     CHECK(FirstFreeEntry(table.data(), table.size()) == size_t{6});
-    CHECK(ToNarrowForLog(u"12\u00e9\x01") == "12??");
 }
 
 TEST_CASE("comparison without regard to case folds A-Z only and ends at the first zero unit")

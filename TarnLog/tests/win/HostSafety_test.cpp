@@ -26,16 +26,6 @@ struct CriticalFileRestore {
     }
 };
 
-// Whether the critical file holds a record of process `processId` containing `part`.
-bool CriticalHasFrom(DWORD processId, const std::string& part)
-{
-    char pid[32];
-    std::snprintf(pid, sizeof pid, "[PID: 0x%lx]", static_cast<unsigned long>(processId));
-    return CriticalFileHas(pid, part);
-}
-
-const char kRingRefused[] = "The log map another process made is damaged, not committed";
-
 void __cdecl SentinelHandler(const wchar_t*, const wchar_t*, const wchar_t*, unsigned int, uintptr_t) {}
 
 } // namespace
@@ -63,7 +53,9 @@ TEST_CASE("a log ring squatted as reserved, never committed memory is refused (W
     MEMORY_BASIC_INFORMATION region{};
     REQUIRE(::VirtualQuery(view.Get(), &region, sizeof region) == sizeof region);
     CHECK((region.State == MEM_RESERVE && static_cast<const TarnLog::RingHeader*>(view.Get())->writeCounter == 0));
-    CHECK((CriticalHasFrom(run.processId, className) && CriticalHasFrom(run.processId, kRingRefused)));
+    char pid[32];
+    std::snprintf(pid, sizeof pid, "[PID: 0x%lx]", static_cast<unsigned long>(run.processId));
+    CHECK((CriticalFileHas(pid, className) && CriticalFileHas(pid, "The log map another process made is damaged, not committed")));
 }
 
 TEST_CASE("a ring mutex another process keeps costs a writer one bounded wait, and its errors still reach the file")

@@ -18,10 +18,7 @@ std::wstring FromHexUnits(const std::string& hex)  // each unit as 4 hex digits,
     return units;
 }
 
-std::wstring Stored(const std::wstring& encrypted)
-{
-    return encrypted.substr(0, encrypted.find(L'\0'));
-}
+std::wstring Stored(const std::wstring& encrypted) { return encrypted.substr(0, encrypted.find(L'\0')); }
 
 const wchar_t kPath[] = L"C:\\Windows\\system32\\mshta.exe";
 const char kPathStored[] =

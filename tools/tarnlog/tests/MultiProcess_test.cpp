@@ -124,8 +124,7 @@ TEST_CASE("four writer processes and a follower: every record accounted for, non
         it->second = static_cast<long>(record.seq);
         ++shown;
     }
-    CHECK(malformed == 0);
-    CHECK(outOfOrder == 0);
+    CHECK((malformed == 0 && outOfOrder == 0));
     CHECK(shown + lost == kTotal);
     CHECK(lastSeq.size() == kWriters * kThreadsPerWriter);
     for (const auto& entry : lastSeq)
@@ -137,8 +136,7 @@ TEST_CASE("four writer processes and a follower: every record accounted for, non
     const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     const TarnLog::CriticalFileContents contents = TarnLog::ReadCriticalRecords(bytes);
     CHECK(contents.positionValid);
-    CHECK(bytes.size() >= TarnLog::kCriticalWrapPosition);
-    CHECK(bytes.size() < TarnLog::kCriticalWrapPosition + 1024);
+    CHECK((bytes.size() >= TarnLog::kCriticalWrapPosition && bytes.size() < TarnLog::kCriticalWrapPosition + 1024));
     std::set<std::tuple<unsigned long, unsigned long, unsigned long>> seen;
     size_t badCritical = 0;
     for (const auto& line : contents.records) {
