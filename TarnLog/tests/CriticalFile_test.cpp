@@ -50,9 +50,6 @@ TEST_CASE("the first and second records of a new critical file, byte by byte")
     REQUIRE(AppendCriticalRecord(file.path, second));
     const uint32_t secondEnd = firstEnd - 25 + static_cast<uint32_t>(second.size()) + 2 + 25;
     CHECK(file.Bytes() == Le32(secondEnd) + "\r\n" + first + "\r\n" + second + "\r\n" + kSeparator);
-
-    const CriticalFileContents contents = ReadCriticalRecords(file.Bytes());
-    CHECK((contents.positionValid && contents.position == secondEnd && contents.records == std::vector{first, second}));
 }
 
 TEST_CASE("a full critical file wraps: the old tail becomes blanks and writing starts again at offset 6")
@@ -80,10 +77,6 @@ TEST_CASE("a full critical file wraps: the old tail becomes blanks and writing s
     REQUIRE(records.size() >= 2);
     CHECK((records.back() == wrapped && records[records.size() - 2] == RecordText(n - 1)));
     CHECK(std::is_sorted(records.begin(), records.end() - 1));  // record numbers rise
-
-    // The record after the wrap goes where the wrap's separator was.
-    REQUIRE(AppendCriticalRecord(file.path, RecordText(9999)));
-    CHECK(PositionOf(file.Bytes()) == newPosition - 25 + RecordText(9999).size() + 27);
 }
 
 TEST_CASE("a damaged critical file: the writer starts again at offset 4, the reader keeps record-shaped lines")
@@ -103,6 +96,4 @@ TEST_CASE("a damaged critical file: the writer starts again at offset 4, the rea
     const CriticalFileContents contents = ReadCriticalRecords(Le32(20) + "\r\n" + a + "\r\ngarbage line\r\n" + b +
                                                               "\r\n" + kSeparator + "\r\n" + std::string(40, ' '));
     CHECK((!contents.positionValid && contents.records == std::vector{a, b}));
-    CHECK((ReadCriticalRecords("").records.empty() && !ReadCriticalRecords("abc").positionValid &&
-           ReadCriticalRecords(Le32(0xFFFFFFFFu)).records.empty()));
 }

@@ -67,7 +67,7 @@ TEST_CASE("the readers list the records oldest first, report what was overwritte
     CHECK(Read(wrapped, 0xFFFFFFFEu) == "2 lost 0:n4294967294;n4294967295;n0;n1;");
 }
 
-TEST_CASE("a damaged header or slot name is refused, never followed outside the mapping")
+TEST_CASE("a damaged header is refused, never followed outside the mapping")
 {
     size_t bytes = 0;
     CHECK_FALSE((RingBytes(0, bytes) || RingBytes(0xFFFFFFFFu, bytes) || IsUsableRing(nullptr, 1000)));
@@ -79,14 +79,6 @@ TEST_CASE("a damaged header or slot name is refused, never followed outside the 
         CHECK_FALSE(IsUsableRing(ring.data(), ring.size()));
         CHECK((Read(ring) == "refused" && Read(ring, 0) == "refused"));
     }
-    // A notification slot's name is only taken when in use and terminated inside the slot.
-    NotificationSlot slot{};
-    std::memset(slot.eventName, 'A', sizeof slot.eventName - 1);
-    CHECK(SlotEventName(slot).empty());  // not in use
-    slot.inUse = 1;
-    CHECK(SlotEventName(slot) == std::string(31, 'A'));
-    slot.eventName[31] = 'A';
-    CHECK(SlotEventName(slot).empty());  // 32 characters and no terminator
 }
 
 TEST_CASE("an entry count changed while the reader runs never takes it outside the mapping")

@@ -6,19 +6,11 @@
 
 using TarnMT::FormatDebugLine;
 
-namespace {
-std::tm At(int year, int month, int day, int hour, int minute, int second)
+static std::tm At(int year, int month, int day, int hour, int minute, int second)
 {
     std::tm t{};
-    t.tm_year = year - 1900;
-    t.tm_mon = month - 1;
-    t.tm_mday = day;
-    t.tm_hour = hour;
-    t.tm_min = minute;
-    t.tm_sec = second;
-    return t;
+    return t.tm_year = year - 1900, t.tm_mon = month - 1, t.tm_mday = day, t.tm_hour = hour, t.tm_min = minute, t.tm_sec = second, t;
 }
-} // namespace
 
 TEST_CASE("debug line layout")
 {

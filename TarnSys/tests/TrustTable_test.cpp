@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstring>
 #include <optional>
-#include <random>
 
 using namespace TarnSys;
 
@@ -31,7 +30,6 @@ TEST_CASE("layout: a pid field then a path field, little-endian units, nothing e
     Put(table, 2, u"1234", u"AB");
     Put(table, 3, u"1", u"\u20ac");
     const size_t base = EntryOffset(2);
-    CHECK(base == 4 + 2 * 2568);
     const struct { size_t offset; uint16_t unit; } units[] = {
         {base, u'1'}, {base + 6, u'4'}, {base + 8, 0}, {base + 516, u'A'}, {base + 518, u'B'}, {base + 520, 0},
         {EntryOffset(3) + 516, 0x20AC},
@@ -40,11 +38,7 @@ TEST_CASE("layout: a pid field then a path field, little-endian units, nothing e
         CHECK(UnitAt(table, u.offset) == u.unit);
     CHECK(std::count(table.begin(), table.begin() + EntryOffset(2), 0) == std::ptrdiff_t(EntryOffset(2)));
     CHECK(std::count(table.begin() + EntryOffset(4), table.end(), 0) == std::ptrdiff_t(kTableBytes - EntryOffset(4)));
-    CHECK(EntryOffset(14) + kTableEntryBytes == kTableBytes);
-    // Read back: fields up to their terminator or their own end, free entries, bounds.
-    Put(table, 0, u"42", u"stored");
-    auto entry = ReadEntry(table.data(), table.size(), 0);
-    CHECK((entry && entry->pid == u"42" && entry->path == u"stored"));
+    // Read back: free entries, bounds, fields up to their terminator or their own end.
     CHECK(ReadEntry(table.data(), table.size(), 1)->IsFree());
     CHECK_FALSE(ReadEntry(table.data(), table.size(), 15));
     CHECK_FALSE(ReadEntry(nullptr, table.size(), 0));
@@ -55,12 +49,10 @@ TEST_CASE("layout: a pid field then a path field, little-endian units, nothing e
     // Entry 5 all 'A' units: neither field has a terminator.
     for (size_t i = 0; i < kTableEntryBytes; i += 2)
         table[EntryOffset(5) + i] = 'A';
-    entry = ReadEntry(table.data(), table.size(), 5);
+    const auto entry = ReadEntry(table.data(), table.size(), 5);
     REQUIRE(entry);
     CHECK(entry->pid.size() == kPidFieldUnits);    // not running into the path field
     CHECK(entry->path.size() == kPathFieldUnits);  // not running into entry 6
-    const uint8_t odd[3] = {'7', 0, '8'};
-    CHECK(ReadField(odd, 3) == u"7");  // an odd trailing byte is never half a unit
 }
 
 TEST_CASE("encoding an entry refuses what its fields cannot hold")
@@ -104,7 +96,6 @@ TEST_CASE("look-up by process identifier: first match wins, case ignored, all 15
     CHECK(FindEntry(table.data(), table.size(), u"1014") == size_t{14});
     REQUIRE(WriteEntry(table.data(), table.size(), 6, std::vector<uint8_t>(kTableEntryBytes, 0)));
     CHECK(FirstFreeEntry(table.data(), table.size()) == size_t{6});
-    CHECK(ToNarrowForLog(u"12\u00e9\x01") == "12??");
 }
 
 TEST_CASE("comparison without regard to case folds A-Z only and ends at the first zero unit")
@@ -128,35 +119,16 @@ TEST_CASE("the system directory exchange under WOW64, in both directions")
         {u"C:\\Windows\\System32\\mshta.exe", seen, true, false},  // the search is case-sensitive
         {u"C:\\WINDOWS\\SYSWOW64\\MSHTA.EXE", seen, false, true},  // case alone needs no exchange
         {written, written, false, true},                             // no exchange on x64
+        // Every occurrence, left to right, whole directory names only.
+        {u"C:\\system32\\a\\system32\\b", u"C:\\syswow64\\a\\syswow64\\b", true, true},
+        {u"C:\\system32x\\a", u"C:\\syswow64x\\a", true, false},
     };
     for (const auto& row : table)
         CHECK(PathsMatchForQuery(row.stored, row.asked, row.wow64) == row.match);
     std::u16string exchanged;
     CHECK(PathsMatchForQuery(written, seen, true, &exchanged));
     CHECK(exchanged == seen);
-    CHECK_FALSE(StoredPathAsSeenUnderWow64(written, false));
     CHECK(ReaderPathAsWrittenUnderWow64(seen, true) == written);
     CHECK_FALSE(ReaderPathAsWrittenUnderWow64(seen, false));
     CHECK(ReaderPathAsWrittenUnderWow64(u"C:\\Windows\\SysWOW64\\mshta.exe", true) == u"C:\\Windows\\SysWOW64\\mshta.exe");
-    // Every occurrence, left to right, whole directory names only.
-    CHECK(ReplaceAll(u"\\system32\\a\\system32\\b", u"\\system32\\", u"\\syswow64\\") == u"\\syswow64\\a\\syswow64\\b");
-    CHECK(ReplaceAll(u"C:\\system32x\\a", u"\\system32\\", u"\\syswow64\\") == u"C:\\system32x\\a");
-}
-
-TEST_CASE("random tables: look-ups stay inside the mapping and never match a foreign identifier")
-{
-    std::mt19937 random(20240611);
-    for (int round = 0; round < 200; ++round) {
-        // Sizes around the real one, smaller ones included, as a hostile creator could make;
-        // dense garbage, or mostly zeros with small units.
-        std::vector<uint8_t> table(round % 3 == 0 ? kTableBytes : random() % (kTableBytes + 64));
-        for (auto& b : table)
-            b = static_cast<uint8_t>(round % 2 ? random() : (random() % 8 == 0 ? random() % 32 : 0));
-        const auto found = FindEntry(table.data(), table.size(), u"4294967295");
-        if (found)  // only possible if the garbage spells exactly that identifier
-            CHECK(EqualsNoCase(ReadEntry(table.data(), table.size(), *found)->pid, u"4294967295"));
-        for (size_t i = 0; i < kTableEntryCount; ++i)
-            if (const auto entry = ReadEntry(table.data(), table.size(), i))
-                CHECK((entry->pid.size() <= kPidFieldUnits && entry->path.size() <= kPathFieldUnits));
-    }
 }

@@ -22,9 +22,6 @@ TEST_CASE("Base64 decoding is lenient about everything outside the alphabet")
         REQUIRE(Base64Utils::Decode(row.text, out));
         CHECK(out == row.decoded);
     }
-    std::string text = "QUJD";  // into itself
-    REQUIRE(Base64Utils::Decode(text, text));
-    CHECK(text == "ABC");
 }
 
 TEST_CASE("empty Base64 input is an invalid argument, logged before the throw")

@@ -36,13 +36,9 @@ TEST_CASE("an attribute's value is found by its exact type; malformed names end 
         // Malformed.
         {"no equals sign", "2.5.4.3", ""},
         {"2.5.4.3=", "2.5.4.3", ""},
-        {"2.5.4.3=   ", "2.5.4.3", ""},
         {"2.5.4.3=\"unterminated, still", "2.5.4.3", "unterminated, still"},
         {"2.5.4.3=\"ends in a pair\"\"", "2.5.4.3", "ends in a pair\""},
-        {"2.5.4.3=\"", "2.5.4.3", ""},
         {"2.5.4.6=\"open, 2.5.4.3=X", "2.5.4.3", ""},
-        {"=,=,", "2.5.4.3", ""},
-        {"2.5.4.6=US,", "2.5.4.3", ""},
         {"2.5.4.6=\"US\"junk, 2.5.4.3=After", "2.5.4.3", "After"},
     };
     for (const auto& row : table) {
@@ -62,7 +58,6 @@ TEST_CASE("copying into a caller's buffer never writes past its size")
     const struct { const char* type; size_t size; size_t result; const char* text; size_t untouchedFrom; } table[] = {
         {"2.5.4.3", 16, 10, "Org, Inc.", 16},
         {"2.5.4.3", 5, 10, "Org,", 5},
-        {"2.5.4.3", 1, 10, "", 1},
         {"2.5.4.6", 16, 0, nullptr, 0},  // absent: the buffer is not touched
     };
     for (const auto& row : table) {

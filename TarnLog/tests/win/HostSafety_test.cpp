@@ -6,10 +6,7 @@
 
 #include <doctest.h>
 
-#include <aclapi.h>
-
 #include <cstdlib>
-#include <optional>
 #include <thread>
 
 using namespace TarnTest;
@@ -28,16 +25,6 @@ struct CriticalFileRestore {
             std::ofstream(path, std::ios::binary) << saved;
     }
 };
-
-// Whether the critical file holds a record of process `processId` containing `part`.
-bool CriticalHasFrom(DWORD processId, const std::string& part)
-{
-    char pid[32];
-    std::snprintf(pid, sizeof pid, "[PID: 0x%lx]", static_cast<unsigned long>(processId));
-    return CriticalFileHas(pid, part);
-}
-
-const char kRingRefused[] = "The log map another process made is damaged, not committed";
 
 void __cdecl SentinelHandler(const wchar_t*, const wchar_t*, const wchar_t*, unsigned int, uintptr_t) {}
 
@@ -66,40 +53,34 @@ TEST_CASE("a log ring squatted as reserved, never committed memory is refused (W
     MEMORY_BASIC_INFORMATION region{};
     REQUIRE(::VirtualQuery(view.Get(), &region, sizeof region) == sizeof region);
     CHECK((region.State == MEM_RESERVE && static_cast<const TarnLog::RingHeader*>(view.Get())->writeCounter == 0));
-    CHECK((CriticalHasFrom(run.processId, className) && CriticalHasFrom(run.processId, kRingRefused)));
+    char pid[32];
+    std::snprintf(pid, sizeof pid, "[PID: 0x%lx]", static_cast<unsigned long>(run.processId));
+    CHECK((CriticalFileHas(pid, className) && CriticalFileHas(pid, "The log map another process made is damaged, not committed")));
 }
 
 TEST_CASE("a ring mutex another process keeps costs a writer one bounded wait, and its errors still reach the file")
 {
-    TarnBase::UniqueHandle mutex(::CreateMutexA(nullptr, FALSE, RingMutexName().c_str()));
-    CriticalFileRestore restore;
-    const std::string className = "HostSafety-" + Nonce();
-    std::optional<RingMutexHold> hold(std::in_place, mutex.Get(), 5000);
-    REQUIRE(hold->Held());
-    // Ten records, each of which would wait for the mutex if the logger kept waiting.
-    const ULONGLONG start = ::GetTickCount64();
-    const auto run = RunLogWriter({L"--count", L"10", L"--error-every", L"5", L"--class", Widen(className)});
-    hold.reset();
-    CHECK((run.started && !run.timedOut && run.exitCode == 0 && ::GetTickCount64() - start < 5000));
-    CHECK(CriticalHasFrom(run.processId, className));
-}
-
-TEST_CASE("a reader's event that another process made keeps its security (Wine shows a label only as a SACL appearing)")
-{
     EnsureRing();
-    SlotsRestorer restore;  // the slots, and a generation bump
-    const std::string name = "HostSafety." + std::to_string(::GetCurrentProcessId()) + ".5";
-    TarnBase::UniqueHandle event(
-        ::CreateEventA(nullptr, TRUE, FALSE, TarnBase::MakeKernelObjectName(name, true).c_str()));
-    REQUIRE((event && restore.Editor().PublishEvent(5, name)));
-    CHECK(RunLogWriter({L"--count", L"1"}).exitCode == 0);
-    CHECK(::WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0);  // the writer did serve it
-    PACL label = nullptr;
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    REQUIRE(::GetSecurityInfo(event.Get(), SE_KERNEL_OBJECT, LABEL_SECURITY_INFORMATION, nullptr, nullptr, nullptr,
-                              &label, &descriptor) == ERROR_SUCCESS);
-    const TarnBase::UniqueLocal owned(descriptor);
-    CHECK(label == nullptr);
+    CriticalFileRestore restore;
+    const std::string nonce = Nonce();
+    const uint32_t counterBefore = RingReader().WriteCounter();
+    // Another thread holds the ring mutex through a handle of its own, as another process would.
+    TarnBase::UniqueHandle locked(::CreateEventA(nullptr, TRUE, FALSE, nullptr)), done(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    RingHeaderEditor editor;
+    std::thread holder([&] {
+        RingMutexHold hold(editor.View().Mutex(), 5000);
+        ::SetEvent(locked.Get()), ::WaitForSingleObject(done.Get(), 10000);
+    });
+    REQUIRE(::WaitForSingleObject(locked.Get(), 5000) == WAIT_OBJECT_0);
+    // Ten records, each of which would wait a second if the logger kept waiting.
+    const ULONGLONG start = (::SetLastError(4321), ::GetTickCount64());
+    for (int i = 0; i < 10; ++i)
+        TarnLog::Log("Timeout::Probe", 0, "Timeout: locked out %s %d.", nonce.c_str(), i);
+    const ULONGLONG waited = ::GetTickCount64() - start;
+    CHECK(::GetLastError() == 4321u);
+    ::SetEvent(done.Get()), holder.join();
+    CHECK((waited >= 900 && waited < 3000 && RingReader().WriteCounter() == counterBefore));
+    CHECK(CriticalFileHas("[Class: Timeout::Probe][Msg: Timeout: locked out " + nonce + " 9.]"));
 }
 
 TEST_CASE("two threads logging at once leave the host's invalid-parameter handler as it was")

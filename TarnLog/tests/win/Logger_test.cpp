@@ -7,10 +7,11 @@
 
 #include <doctest.h>
 
+#include <aclapi.h>
+
 #include <algorithm>
 #include <ctime>
 #include <functional>
-#include <thread>
 
 using namespace TarnTest;
 
@@ -100,7 +101,7 @@ TEST_CASE("the logger's registry values decide where a record goes: ring, critic
     EnsureRing();
     DebuggerOutput debugger;
     REQUIRE(debugger.Ready());
-    std::vector<uint8_t> zero4(4, 0), one4{1, 0, 0, 0}, zero8(8, 0);
+    std::vector<uint8_t> zero4(4, 0), one4{1, 0, 0, 0};
     const struct { const char* what; std::vector<Value> values; bool ringDebug, ringError, critical, debuggerDebug, debuggerError; }
     table[] = {
         {"defaults", {}, true, true, true, false, false},
@@ -112,9 +113,7 @@ TEST_CASE("the logger's registry values decide where a record goes: ring, critic
         // Only a 4-byte REG_DWORD counts: look-alikes of 0 and 1 leave the defaults in force.
         {"FilterLogLevel \"0\"", {{"FilterLogLevel", REG_SZ, {'0', 0}}}, true, true, true, false, false},
         {"FilterLogLevel binary 0", {{"FilterLogLevel", REG_BINARY, zero4}}, true, true, true, false, false},
-        {"FilterLogLevel qword 0", {{"FilterLogLevel", REG_QWORD, zero8}}, true, true, true, false, false},
         {"EnableCriticalLogger binary 0", {{"EnableCriticalLogger", REG_BINARY, zero4}}, true, true, true, false, false},
-        {"EnableCriticalLogger \"0\"", {{"EnableCriticalLogger", REG_SZ, {'0', 0}}}, true, true, true, false, false},
         {"EnableOutputDebugString binary 1", {{"EnableOutputDebugString", REG_BINARY, one4}}, true, true, true, false, false},
     };
     for (const auto& row : table) {
@@ -169,7 +168,8 @@ TEST_CASE("a second process adopts the ring's entry count whatever its registry 
     }
 }
 
-TEST_CASE("a reader's event is set by the next record of every process until it leaves; bad slot names are skipped")
+TEST_CASE("a reader's event is set by the next record of every process until it leaves, and keeps the security "
+          "another process made it with (Wine shows a label only as a SACL appearing); bad slot names are skipped")
 {
     EnsureRing();
     SlotsRestorer restore;
@@ -190,31 +190,15 @@ TEST_CASE("a reader's event is set by the next record of every process until it 
     CHECK((IsSet(event.Get(), 2000) && !IsSet(overruns[0].Get()) && !IsSet(overruns[1].Get()) && !IsSet(overruns[2].Get())));
     CHECK((::ResetEvent(event.Get()) && RunLogWriter({L"--count", L"1", L"--class", L"Slot::Probe"}).exitCode == 0));
     CHECK(IsSet(event.Get()));
+    PACL label = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    REQUIRE(::GetSecurityInfo(event.Get(), SE_KERNEL_OBJECT, LABEL_SECURITY_INFORMATION, nullptr, nullptr, nullptr,
+                              &label, &descriptor) == ERROR_SUCCESS);
+    const TarnBase::UniqueLocal owned(descriptor);
+    CHECK(label == nullptr);
 
     // Once the slot is cleared (and the generation moved) the writers let the event go.
     REQUIRE((restore.Editor().ClearSlot(3) && ::ResetEvent(event.Get())));
     TarnLog::Log("Slot::Probe", 2, "Slot: after the reader left.");
     CHECK_FALSE(IsSet(event.Get()));
-}
-
-TEST_CASE("a record that cannot get the ring within a second still reaches the critical file")
-{
-    EnsureRing();
-    const std::string nonce = Nonce();
-    const uint32_t counterBefore = RingReader().WriteCounter();
-    // Another thread holds the ring mutex through a handle of its own, as another process would.
-    TarnBase::UniqueHandle locked(::CreateEventA(nullptr, TRUE, FALSE, nullptr)), done(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
-    RingHeaderEditor editor;
-    std::thread holder([&] {
-        RingMutexHold hold(editor.View().Mutex(), 5000);
-        ::SetEvent(locked.Get()), ::WaitForSingleObject(done.Get(), 5000);
-    });
-    REQUIRE(IsSet(locked.Get(), 5000));
-    const ULONGLONG start = (::SetLastError(4321), ::GetTickCount64());
-    TarnLog::Log("Timeout::Probe", 0, "Timeout: locked out %s.", nonce.c_str());
-    const ULONGLONG waited = ::GetTickCount64() - start;
-    CHECK(::GetLastError() == 4321u);
-    ::SetEvent(done.Get()), holder.join();
-    CHECK((waited >= 900 && waited < 3000 && RingReader().WriteCounter() == counterBefore));
-    CHECK(CriticalFileHas("[Class: Timeout::Probe][Msg: Timeout: locked out " + nonce + ".]"));
 }

@@ -1,5 +1,4 @@
 #include "TarnBase/Exceptions.h"
-#include "TarnBase/win/Handle.h"
 #include "TarnMT/win/Event.h"
 #include "TarnMT/win/Thread.h"
 #include "LogCapture.h"
@@ -17,15 +16,14 @@ namespace {
 
 class Worker : public Thread {
 public:
-    enum Mode { Sleeps, Spins, Parks, WaitsOnEvent, ThrowsDeadlock, ThrowsOther };
+    enum Mode { Sleeps, Spins, WaitsOnEvent, ThrowsDeadlock, ThrowsOther };
     explicit Worker(Mode mode, DWORD ms = 0) : mode(mode), ms(ms) {}
-    ~Worker() override { stop = true, ::SetEvent(release.Get()), Abort(5000); }
+    ~Worker() override { stop = true, Abort(5000); }
     DWORD Run() override
     {
         switch (mode) {
         case Sleeps: return Sleep(ms), 5;
         case Spins: for (TarnLog::Log("Worker", 2, "Spinning."); !stop;) continue; return 9;
-        case Parks: return ::WaitForSingleObject(release.Get(), INFINITE) + 42;
         case WaitsOnEvent: return event.Wait(INFINITE, this) ? 1 : 2;
         case ThrowsDeadlock: throw ThreadDeadlockException();
         case ThrowsOther: throw std::runtime_error("worker failed");
@@ -35,7 +33,6 @@ public:
     const Mode mode;
     std::atomic<DWORD> ms;
     std::atomic<bool> stop{false};
-    TarnBase::UniqueHandle release{::CreateEventA(nullptr, TRUE, FALSE, nullptr)};
     Event event;
 };
 
@@ -93,31 +90,15 @@ TEST_CASE("Abort: a sleeper wakes at once, a spinner is terminated, a suspended 
     }
 }
 
-TEST_CASE("destroying a thread with a running worker aborts it")
+TEST_CASE("a thread runs one worker at a time; destroying it with the worker running aborts the worker")
 {
     TarnTest::LogCapture capture;
     auto napper = std::make_unique<Napper>();
     REQUIRE((napper->Execute() && WaitForRecord(capture, kSleeping)));
+    CHECK((!napper->Execute() && capture.Has("Execute call failure because this thread object is already associate with a running thread.", 1)));
     const DWORD start = ::GetTickCount();
     napper.reset();
     CHECK(::GetTickCount() - start < 3000);
-    TarnTest::ExpectInOrder(capture, {{"", 2, "Destructor running, aborting any underlying thread with a deadlock timeout value = 5000 (milliseconds)."},
+    TarnTest::ExpectInOrder(capture, {{"", 1, "Execute call failure..."}, {"", 2, "Destructor running, aborting any underlying thread with a deadlock timeout value = 5000 (milliseconds)."},
                             {"", 2, kAborting}, {"", 1, kSwallowedAbort}});
-}
-
-TEST_CASE("Execute runs once at a time; WaitForThreadToEnd and event waits: ended, timed out, no thread, aborted waiter, early stop")
-{
-    TarnTest::LogCapture capture;
-    Worker worker(Worker::Parks), waiter(Worker::Parks);
-    CHECK(worker.WaitForThreadToEnd(0, nullptr, nullptr));
-    REQUIRE(worker.Execute());
-    CHECK((!worker.Execute() && capture.Has("Execute call failure because this thread object is already associate with a running thread.", 1)));
-    CHECK_FALSE(worker.WaitForThreadToEnd(30, nullptr, nullptr));
-    REQUIRE((waiter.Execute() && ::SetEvent(waiter.GetYieldEvent())));
-    CHECK_THROWS_AS(worker.WaitForThreadToEnd(10000, nullptr, &waiter), ThreadAbortException);
-    Event stop;
-    CHECK_FALSE(stop.Wait(30, nullptr));
-    CHECK((stop.Set(), stop.Wait(0, nullptr)));
-    CHECK_FALSE(worker.WaitForThreadToEnd(10000, &stop, nullptr));  // ends early, not claiming the thread ended
-    CHECK((::SetEvent(worker.release.Get()) && worker.WaitForThreadToEnd(5000, nullptr, nullptr) && !worker.IsRunning() && worker.GetExitCode() == 42));
 }

@@ -4,7 +4,6 @@
 #include "tools/tarngrant/TrustTableWriter.h"
 #include "ChildProcess.h"
 #include "PageHost.h"
-#include "TarnBase/KernelObjectName.h"
 #include "TarnSys/TrustTable.h"
 #include "TarnSys/win/DynamicProcessTrust.h"
 
@@ -40,23 +39,6 @@ struct Table {
                 return true;
         return false;
     }
-};
-
-// The table's bytes, writable, as another process (or an attacker) could write them.
-class TableBytes {
-public:
-    TableBytes()
-        : m_mapping(::OpenFileMappingA(FILE_MAP_ALL_ACCESS, FALSE,
-                                       TarnBase::MakeKernelObjectName(TarnSys::kTableMappingName, false).c_str())),
-          m_view(m_mapping ? ::MapViewOfFile(m_mapping.Get(), FILE_MAP_ALL_ACCESS, 0, 0, TarnSys::kTableBytes) : nullptr)
-    {
-        REQUIRE(m_view);
-    }
-    uint8_t* Get() const { return static_cast<uint8_t*>(m_view.Get()); }
-
-private:
-    TarnBase::UniqueHandle m_mapping;
-    TarnBase::UniqueMappedView m_view;
 };
 
 } // namespace ContainerTest

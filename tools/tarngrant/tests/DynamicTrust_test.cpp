@@ -3,16 +3,14 @@
 #include "tools/tarngrant/TrustTableWriter.h"
 #include "ContainerHost.h"
 
+#include "TarnBase/KernelObjectName.h"
+
 #include <doctest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <cstring>
 #include <cwctype>
 #include <memory>
-#include <random>
-#include <thread>
 
 using namespace ContainerTest;
 
@@ -106,69 +104,6 @@ TEST_CASE("a grant holds for its own process and path only, never on a remote pa
         CHECK(host->Finish().out == (row.trusted ? "true\n" : "false\n"));
         CHECK(table.Holds(host->Pid()) != row.trusted);
     }
-}
-
-TEST_CASE("racing hosts of one executable, half of them granted: each grant used exactly once, by its own process")
-{
-    TarnTest::PageHost pages;
-    Table table;
-    std::vector<std::unique_ptr<Process>> hosts;
-    for (int i = 0; i < 6; ++i)
-        hosts.push_back(StartHost(pages, L"myhost.exe", 2));
-    for (size_t i = 1; i < hosts.size(); i += 2)
-        Grant(table, hosts[i]->Pid(), pages.Host(L"myhost.exe"));
-    for (auto& host : hosts)
-        host->Resume();
-    for (size_t i = 0; i < hosts.size(); ++i) {
-        CAPTURE(i);
-        const auto run = hosts[i]->Finish();
-        CHECK(run.out == (i % 2 ? "true\ntrue\n" : "false\nfalse\n"));
-        CHECK(Count(run.processId, "ClearTrustedProcess():  Successfully cleared process with PID = " +
-                                       std::to_string(run.processId) + ".") == long(i % 2));
-    }
-    CHECK(TarnGrant::ListProcesses(table.table).empty());
-}
-
-TEST_CASE("random bytes written into the table by another process never crash a host and never grant")
-{
-    TarnTest::PageHost pages;
-    Table table;
-    TableBytes view;
-    auto* bytes = view.Get();
-    const std::vector<uint8_t> saved(bytes, bytes + TarnSys::kTableBytes);
-    std::vector<std::unique_ptr<Process>> hosts;
-    for (int i = 0; i < 4; ++i)
-        hosts.push_back(StartHost(pages, i % 2 ? L"myhost.exe" : L"other.exe", 2));
-    std::mt19937 random(1234);
-    for (size_t i = 0; i < TarnSys::kTableBytes; ++i)
-        bytes[i] = static_cast<uint8_t>(random());
-    // Entries naming the hosts' identifiers over garbage paths: random units, no terminator,
-    // or the path in clear instead of encrypted.
-    for (size_t h = 0; h < hosts.size(); ++h) {
-        uint8_t* entry = bytes + TarnSys::EntryOffset(h * 3);
-        const std::wstring pid = Pid(hosts[h]->Pid()), path = pages.Host(h % 2 ? L"myhost.exe" : L"other.exe");
-        std::memcpy(entry, pid.c_str(), (pid.size() + 1) * sizeof(wchar_t));
-        for (size_t k = 0; h == 1 && k < TarnSys::kPathFieldBytes; ++k)
-            entry[TarnSys::kPidFieldBytes + k] = static_cast<uint8_t>(1 + random() % 255);
-        if (h == 2)
-            std::memcpy(entry + TarnSys::kPidFieldBytes, path.c_str(), (path.size() + 1) * sizeof(wchar_t));
-    }
-    // A hostile writer keeps scribbling, without the mutex, while the hosts ask.
-    std::atomic<bool> stop{false};
-    std::thread writer([&] {
-        for (std::mt19937 local(99); !stop; ::Sleep(0)) {
-            const size_t entry = local() % TarnSys::kTableEntryCount;
-            for (size_t k = 0; k < TarnSys::kTableEntryBytes; k += 4)
-                bytes[TarnSys::EntryOffset(entry) + k] = static_cast<uint8_t>(local());
-        }
-    });
-    for (auto& host : hosts)
-        host->Resume();
-    for (auto& host : hosts)
-        CHECK(host->Finish().out == "false\nfalse\n");
-    stop = true;
-    writer.join();
-    std::copy(saved.begin(), saved.end(), bytes);
 }
 
 TEST_CASE("departure: a table mutex held by another process delays a host but never hangs it (the wait is capped)")

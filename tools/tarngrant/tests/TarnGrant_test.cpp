@@ -69,10 +69,14 @@ TEST_CASE("tarngrant: a full table refuses; a second grant replaces; list decryp
     CHECK(RunGrant({L"revoke", Self()}).err == "tarngrant: no grant for process " + Narrow(Self()) + "\n");
 
     // An entry whose path field decrypts to control characters is listed printably.
-    TableBytes bytes;
-    for (size_t k = 0; k < TarnSys::kPathFieldBytes; ++k)
-        bytes.Get()[TarnSys::EntryOffset(TarnGrant::ListProcesses(table.table)[0].index) + TarnSys::kPidFieldBytes + k] =
-            static_cast<uint8_t>(0x11 + k % 7);
+    const uint32_t garbled = TarnGrant::ListProcesses(table.table)[0].index;
+    {
+        TarnMT::AutoLockMutex lock(&table.table.TableMutex(), INFINITE);
+        size_t size = 0;
+        uint8_t* const path = table.table.HeldTable(size) + TarnSys::EntryOffset(garbled) + TarnSys::kPidFieldBytes;
+        for (size_t k = 0; k < TarnSys::kPathFieldBytes; ++k)
+            path[k] = static_cast<uint8_t>(0x11 + k % 7);
+    }
     for (char c : RunGrant({L"list"}).out)
         CHECK((static_cast<unsigned char>(c) >= 0x20 || c == '\n'));
 }

@@ -8,6 +8,7 @@
 
 #include <doctest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <memory>
@@ -61,18 +62,14 @@ TEST_CASE("four writer processes and a follower: every record accounted for, non
     TarnLog::Log("MultiProcess", 2, "MultiProcess: ring wanted.");
     RingHeaderEditor editor;
     REQUIRE(editor.IsOpen());
-    const uint32_t entryCount = editor.Header().entryCount;
 
     Process follower({BuildPath("tools/tarnlog/tarnlog.exe"), L"--follow", L"--class", L"LogWriter.MultiProcess",
                       L"--count", std::to_wstring(kTotal), L"--seconds", L"50"});
-    REQUIRE(WaitUntil(
-        [&] {
-            for (const auto& slot : editor.Header().slots)
-                if (TarnLog::SlotEventName(slot) == "TarnLogView." + std::to_string(follower.Pid()))
-                    return true;
-            return false;
-        },
-        10000));
+    const auto following = [&] {
+        const TarnLog::RingHeader h = editor.Header();
+        return std::any_of(h.slots, h.slots + 7, [&](auto& s) { return TarnLog::SlotEventName(s) == "TarnLogView." + std::to_string(follower.Pid()); });
+    };
+    REQUIRE(WaitUntil(following, 10000));
 
     const std::string startName = "TarnLogWriterGo." + std::to_string(::GetCurrentProcessId());
     TarnMT::SecurityAttributes everyone = TarnMT::SecurityAttributes::Everyone();
@@ -101,10 +98,10 @@ TEST_CASE("four writer processes and a follower: every record accounted for, non
     CHECK(editor.Header().writeCounter - counterBefore == kTotal);
 
     REQUIRE(follower.Wait(15000));  // it reached its count
-    CHECK(follower.ExitCode() == 0u);
-    CHECK(follower.Err().empty());
+    CHECK((follower.ExitCode() == 0u && follower.Err().empty()));
 
-    // The follower: every record either printed once, in each thread's order, or counted lost.
+    // The follower: every record either printed once, whole and in each thread's order, or
+    // counted lost. A torn entry would be malformed, or missing from both counts.
     uint64_t shown = 0, lost = 0;
     size_t malformed = 0, outOfOrder = 0;
     std::map<std::pair<unsigned long, unsigned long>, long> lastSeq;
@@ -126,28 +123,11 @@ TEST_CASE("four writer processes and a follower: every record accounted for, non
         it->second = static_cast<long>(record.seq);
         ++shown;
     }
-    CHECK(malformed == 0);
-    CHECK(outOfOrder == 0);
+    CHECK((malformed == 0 && outOfOrder == 0));
     CHECK(shown + lost == kTotal);
     CHECK(lastSeq.size() == kWriters * kThreadsPerWriter);
     for (const auto& entry : lastSeq)
         CHECK(entry.second == static_cast<long>(kRecordsPerThread - 1));  // each thread's last record was seen
-
-    // The ring: the newest entries are the writers', each entry whole.
-    TarnLog::RingSnapshot snapshot;
-    std::string error;
-    REQUIRE(RingReader().Snapshot(snapshot, error));
-    size_t inRing = 0, torn = 0;
-    for (const auto& entry : snapshot.records) {
-        WriterRecord record;
-        if (ClassOf(entry) == kClass && ++inRing)
-            torn += ParseText(TarnLog::FormatRecordText(entry), record) && IsWhole(record) &&
-                            entry.level == (record.seq % kErrorEvery == kErrorEvery - 1 ? 0 : 2)
-                        ? 0
-                        : 1;
-    }
-    CHECK(inRing == std::min<size_t>(kTotal, entryCount));
-    CHECK(torn == 0);
 
     // The critical file: wrapped several times by four processes, still one valid position
     // and only whole records, each an error of a writer, none twice.
@@ -155,8 +135,7 @@ TEST_CASE("four writer processes and a follower: every record accounted for, non
     const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     const TarnLog::CriticalFileContents contents = TarnLog::ReadCriticalRecords(bytes);
     CHECK(contents.positionValid);
-    CHECK(bytes.size() >= TarnLog::kCriticalWrapPosition);
-    CHECK(bytes.size() < TarnLog::kCriticalWrapPosition + 1024);
+    CHECK((bytes.size() >= TarnLog::kCriticalWrapPosition && bytes.size() < TarnLog::kCriticalWrapPosition + 1024));
     std::set<std::tuple<unsigned long, unsigned long, unsigned long>> seen;
     size_t badCritical = 0;
     for (const auto& line : contents.records) {

@@ -35,7 +35,7 @@ bool HasSlot(DWORD followerPid)
 
 } // namespace
 
-TEST_CASE("before any process has logged: the dump says so, a follower waits for the first record")
+TEST_CASE("before any process has logged the dump says so and a follower waits; then the dump prints every record oldest first, filtered")
 {
     // A process of an earlier test may still be on its way out.
     REQUIRE(WaitUntil([] { return !TarnBase::UniqueHandle(::OpenFileMappingA(FILE_MAP_READ, FALSE, RingMappingName().c_str())); }, 5000));
@@ -49,11 +49,8 @@ TEST_CASE("before any process has logged: the dump says so, a follower waits for
     TarnLog::Log("Tool::First", 1, "Tool: second.");
     REQUIRE((follower.Wait(10000) && follower.ExitCode() == 0u));
     CHECK(Lines(follower.Out()) == Formatted(RingReader().RecordsOfProcess(kSelf), All));
-}
 
-TEST_CASE("the dump prints every record oldest first in the text form; filters reach it and combine")
-{
-    TarnLog::Log("Tool::Alpha", 0, "Dump: error."), TarnLog::Log("Tool::Beta", 2, "Dump: debug.");
+    TarnLog::Log("Tool::Alpha", 0, "Dump: error."), TarnLog::Log("Tool::Alpha", 2, "Dump: debug.");
     TarnLog::RingSnapshot snapshot;
     std::string error;
     REQUIRE(RingReader().Snapshot(snapshot, error));
