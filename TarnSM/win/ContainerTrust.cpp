@@ -4,6 +4,7 @@
 // alternative list. Never offered to a control sited in a remote page.
 #include "TarnSM/win/CTarnSM.h"
 
+#include "TarnBase/ResultLog.h"
 #include "TarnBase/win/Handle.h"
 #include "TarnMT/win/CriticalSection.h"
 #include "TarnSM/AltTrustList.h"
@@ -61,9 +62,8 @@ bool IsContainerDynamicallyTrustedRightNow()
 
     std::string path;
     if (HostModulePath(path) == 0) {
-        TarnLog::Log(kControlClass, 0,
-                     "IsContainerDynamicallyTrustedRightNow: Internal error. Failed to retrieve hosting process module name. GetLastError: %u.",
-                     static_cast<unsigned>(::GetLastError()));
+        TARN_LOG_LAST_ERROR(TarnLog::Log, kControlClass, 0,
+                            "IsContainerDynamicallyTrustedRightNow: Internal error. Failed to retrieve hosting process module name.");
         return false;
     }
     const std::wstring widePath = TarnUtils::AnsiToWide(path);
@@ -88,9 +88,8 @@ bool GetCurrentModuleName()
     }
     std::string path;
     if (HostModulePath(path) == 0) {
-        TarnLog::Log(kControlClass, 1,
-                     "GetCurrentModuleName: Internal error. Failed to retrieve hosting process module name. GetLastError: %u.",
-                     static_cast<unsigned>(::GetLastError()));
+        TARN_LOG_LAST_ERROR(TarnLog::Log, kControlClass, 1,
+                            "GetCurrentModuleName: Internal error. Failed to retrieve hosting process module name.");
         return false;
     }
     std::vector<char> buffer(path.begin(), path.end());

@@ -1,6 +1,7 @@
 #include "TarnSys/win/DynamicProcessTrust.h"
 
 #include "TarnBase/KernelObjectName.h"
+#include "TarnBase/ResultLog.h"
 #include "TarnBase/Throw.h"
 #include "TarnBase/win/SharedView.h"
 #include "TarnLog/Log.h"
@@ -140,8 +141,7 @@ bool DynamicProcessTrust::InitMemoryMap()
         }
     }
     if (FAILED(result)) {
-        TarnLog::Log(kClass, 1, "InitMemoryMap():  Failed to create/open shared memory. HRESULT = <0x%X>",
-                     static_cast<unsigned>(result));
+        TARN_LOG_HRESULT(TarnLog::Log, kClass, 1, result, "InitMemoryMap():  Failed to create/open shared memory.");
         return false;
     }
 
