@@ -33,3 +33,7 @@
 
 #define TARN_LOG_HRESULT(logCall, className, level, hr, message, ...)                          \
     TARN_LOG_CODE(logCall, className, level, TARN_SUFFIX_HRESULT, hr, message, ##__VA_ARGS__)
+
+// A catch-all handler's record: the source that caught something it cannot name, and where.
+#define TARN_LOG_UNKNOWN_EXCEPTION(logCall, className, sourceName, line)                       \
+    logCall(className, 0, "Unhandled unknown exception detected. File: %s Line: %d.", sourceName, static_cast<int>(line))

@@ -44,7 +44,7 @@ Thread::~Thread()
                  static_cast<unsigned>(kDestructorDeadlockMs));
         Abort(kDestructorDeadlockMs);
     } catch (...) {
-        DebugLog(kClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kSource, __LINE__);
+        TARN_LOG_UNKNOWN_EXCEPTION(DebugLog, kClass, kSource, __LINE__);
     }
 }
 

@@ -230,8 +230,7 @@ bool GetHttpStatusCode(DWORD& status, HINTERNET request)
         }
         TARN_LOG_LAST_ERROR(TarnLog::Log, kControlClass, 1, "GetHttpStatusCode: Failed to call HttpQueryInfo,");
     } catch (...) {
-        TarnLog::Log(kControlClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kStatusSource,
-                     __LINE__);
+        TARN_LOG_UNKNOWN_EXCEPTION(TarnLog::Log, kControlClass, kStatusSource, __LINE__);
     }
     return false;
 }
