@@ -65,7 +65,6 @@ bool Thread::Execute()
     // A request meant for the previous worker must not stop the next one at its first Sleep.
     m_abortRequested = false;
     m_running = true;
-    m_aborted = false;
 
     // The wrapper reads the handle and id through the lock we hold, so it cannot see them unset.
     unsigned id = 0;
@@ -180,12 +179,10 @@ void Thread::Abort(DWORD deadlockTimeoutMs)
         if (!::TerminateThread(thread, 0))
             TARN_MT_LOG_WIN32_ERROR(kClass, 1, ::GetLastError(), "Internal TerminateThread call failure.");
         m_running = false;
-        m_aborted = true;
         m_exitCode = 0xFFFFFFFF;
         TARN_MT_THROW(kClass, kSource, TarnMT::ThreadDeadlockException);
     }
     m_running = false;
-    m_aborted = true;
     DebugLog(kClass, 2, "Successfully aborted underlying thread managed by this TarnMT::Thread object.");
 }
 

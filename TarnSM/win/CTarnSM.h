@@ -84,7 +84,6 @@ private:
     Microsoft::WRL::ComPtr<IUnknown> m_site;
     DWORD m_safetyOptions = 0;
     TarnBase::UniqueBstr m_trustDataFileUrl;
-    bool m_dirty = false;
 };
 
 } // namespace TarnSMX

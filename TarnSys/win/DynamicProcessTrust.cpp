@@ -138,7 +138,7 @@ bool DynamicProcessTrust::InitMemoryMap()
         result = HRESULT_FROM_WIN32(::GetLastError());
     } else {
         existed = ::GetLastError() == ERROR_ALREADY_EXISTS;
-        view.Reset(::MapViewOfFile(mapping.Get(), m_access, 0, 0, kTableBytes));
+        view.Reset(::MapViewOfFile(mapping.Get(), FILE_MAP_ALL_ACCESS, 0, 0, kTableBytes));
         if (!view) {
             result = HRESULT_FROM_WIN32(::GetLastError());
             mapping.Reset();

@@ -81,7 +81,6 @@ bool CryptoUtils::Initialize()
 void CryptoUtils::Release()
 {
     m_key.Reset();
-    m_hash.Reset();
     m_provider.Reset();
     m_initialized = false;
 }
