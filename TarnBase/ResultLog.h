@@ -1,16 +1,11 @@
 #pragma once
-// One shape for every failed system or COM call in the log: the site's own message, then
-// the failure code in the house suffix, e.g.
-//   TARN_LOG_LAST_ERROR(TarnLog::Log, kClass, 1, "Open: Failure calling CreateFile.");
-//       -> "Open: Failure calling CreateFile. GetLastError: 5."
+// One shape for every failed system or COM call in the log: the site's message (a format
+// literal, its arguments after it), then the code in the house suffix:
 //   TARN_LOG_HRESULT(TarnLog::Log, kClass, 2, hr, "Find: Failed to map URL to zone.");
 //       -> "Find: Failed to map URL to zone. HRESULT = <0x80004005>"
-// The message is a format literal; its arguments follow it. The code is taken before any of
-// them is evaluated, so nothing done for the message can change the error that is reported.
-// The log call is a parameter because the layers log differently: TarnLog::Log above the
-// logger, TarnMT::DebugLog below it. Macros rather than functions: the suffix joins the
-// literal at compile time, so the text goes through the log call's one formatting pass
-// exactly as a hand-written format would.
+// The code is taken before the arguments are evaluated, so they cannot change it. The log
+// call is a parameter (TarnLog::Log above the logger, TarnMT::DebugLog below it); macros,
+// so that the suffix joins the literal and the text is formatted once, as written.
 
 #define TARN_SUFFIX_LAST_ERROR " GetLastError: %u."
 // The threading library's debug lines have always spelled it this way.
