@@ -35,6 +35,7 @@ struct ContainerState {
     std::string moduleName;       // lower case, without directory; set once
     bool dynamicallyTrusted = false;  // false -> true at most once
     NameList builtIn;             // filled once
+    // Per vendor id, the names read from its key; a key not there yet is looked for again.
     std::map<std::string, NameList> vendorCache;
 };
 
