@@ -166,28 +166,24 @@ bool CTarnSM::GetCurrentSiteDomainAndScheme(std::string& domain, std::string& sc
         return false;
     }
 
-    // Canonicalising is only a validity gate; the parses below use the URL as the browser
-    // gave it.
-    std::wstring canonical;
-    HRESULT hr = ParseUrl(TarnUtils::AnsiToWide(url), PARSE_CANONICALIZE, canonical);
-    if (FAILED(hr)) {
-        TARN_LOG_HRESULT(TarnLog::Log, kControlClass, 1, hr,
-                         "GetCurrentSiteDomainAndScheme: Failed to canonicalize current site URL.");
-        return false;
-    }
-    std::wstring wideScheme;
-    hr = ParseUrl(TarnUtils::AnsiToWide(url), PARSE_SCHEMA, wideScheme);
-    if (FAILED(hr)) {
-        TARN_LOG_HRESULT(TarnLog::Log, kControlClass, 1, hr,
-                         "GetCurrentSiteDomainAndScheme: Failed to parse scheme from current site URL.");
-        return false;
-    }
-    std::wstring wideDomain;
-    hr = ParseUrl(TarnUtils::AnsiToWide(url), PARSE_DOMAIN, wideDomain);
-    if (FAILED(hr)) {
-        TARN_LOG_HRESULT(TarnLog::Log, kControlClass, 1, hr,
-                         "GetCurrentSiteDomainAndScheme: Failed to parse domain from current site URL.");
-        return false;
+    // Canonicalising is only a validity gate; the parses after it use the URL as the
+    // browser gave it.
+    const std::wstring wideUrl = TarnUtils::AnsiToWide(url);
+    std::wstring canonical, wideScheme, wideDomain;
+    const struct {
+        PARSEACTION action;
+        std::wstring* out;
+        const char* failure;
+    } parses[] = {{PARSE_CANONICALIZE, &canonical, "canonicalize"},
+                  {PARSE_SCHEMA, &wideScheme, "parse scheme from"},
+                  {PARSE_DOMAIN, &wideDomain, "parse domain from"}};
+    for (const auto& parse : parses) {
+        const HRESULT hr = ParseUrl(wideUrl, parse.action, *parse.out);
+        if (FAILED(hr)) {
+            TARN_LOG_HRESULT(TarnLog::Log, kControlClass, 1, hr,
+                             "GetCurrentSiteDomainAndScheme: Failed to %s current site URL.", parse.failure);
+            return false;
+        }
     }
     scheme = TarnUtils::WideToAnsi(wideScheme);
     domain = TarnUtils::WideToAnsi(wideDomain);
