@@ -2,6 +2,8 @@
 // The threading library's own minimal log line. TarnMT cannot use the logger (the logger
 // is built on TarnMT locks), so it writes straight to the debugger output.
 
+#include "TarnBase/ResultLog.h"
+
 #include <ctime>
 #include <string>
 
@@ -24,3 +26,7 @@ void DebugLog(const char* className, unsigned level, const char* format, ...) no
                            #ExceptionType, sourceName, static_cast<int>(__LINE__));            \
         throw ExceptionType();                                                                 \
     } while (0)
+
+// Failed-call pattern inside TarnMT: message, then the code in the debug line's suffix.
+#define TARN_MT_LOG_WIN32_ERROR(className, level, error, message)                              \
+    TARN_LOG_CODE(::TarnMT::DebugLog, className, level, TARN_SUFFIX_LAST_ERROR_EQUALS, error, message)

@@ -234,7 +234,6 @@ bool Logger::MapRing()
         m_ringUsable = RingBytes(count, needed) && needed <= mapped;
         if (m_ringUsable) {
             m_ringEntries = count;
-            m_viewSize = needed;
             m_cachedGeneration = Header(m_view.Get())->generation - 1;  // forces a first reload
         } else {
             m_ringRefused = true;
@@ -245,7 +244,6 @@ bool Logger::MapRing()
     std::memset(m_view.Get(), 0, bytes);
     Header(m_view.Get())->entryCount = m_ringEntries;
     Header(m_view.Get())->generation = 1;
-    m_viewSize = bytes;
     m_ringUsable = true;
     ReloadConfiguration();
     return true;

@@ -41,7 +41,8 @@ private:
     void WriteTextOutputs(const struct LogRecord& record);
     void WriteCritical(const std::string& text);
 
-    std::atomic<bool> m_initialized{false};
+    std::atomic<bool> m_initialized{false};  // the ring is mapped
+    // The registry and the host's name are read once, even while the ring is still retried.
     bool m_configured = false;
     TarnMT::CriticalSection m_setupLock;
     // Set when the ring mutex was not had in time: later records try it without waiting
@@ -58,10 +59,11 @@ private:
     TarnMT::Mutex m_mutex;
     TarnBase::UniqueHandle m_mapping;
     TarnBase::UniqueMappedView m_view;
-    size_t m_viewSize = 0;
     bool m_ringUsable = false;
+    // The header's generation when this process last read the configuration and the
+    // notification slots; a reader bumps it whenever it claims or releases a slot.
     uint32_t m_cachedGeneration = 0;
-    std::vector<std::unique_ptr<TarnMT::Event>> m_events;
+    std::vector<std::unique_ptr<TarnMT::Event>> m_events;  // the readers' events, set per record
 
     TarnMT::CriticalSection m_criticalLock;
     std::string m_criticalFolder;

@@ -53,7 +53,7 @@ AutoCriticalSection::~AutoCriticalSection()
     try {
         m_section->Leave();
     } catch (...) {
-        DebugLog(kAutoClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kSource, __LINE__);
+        TARN_LOG_UNKNOWN_EXCEPTION(DebugLog, kAutoClass, kSource, __LINE__);
     }
 }
 

@@ -16,6 +16,8 @@ public:
     void Leave();
 
 private:
+    // False when the platform could not set the section up: Enter and Leave then throw,
+    // so the constructor itself never has to.
     bool m_initialized = false;
     CRITICAL_SECTION m_section{};
 };

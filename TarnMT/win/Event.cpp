@@ -38,7 +38,7 @@ bool Event::EnsureCreated()
         DebugLog(kClass, 2, "Internel CreateEvent call was successful, but indicated that a handle to an already existing named object was returned.");
     }
     if (!m_handle)
-        DebugLog(kClass, 0, "Internel CreateEvent call failed. GetLastError = %u.", static_cast<unsigned>(error));
+        TARN_MT_LOG_WIN32_ERROR(kClass, 0, error, "Internel CreateEvent call failed.");
     return static_cast<bool>(m_handle);
 }
 
@@ -57,19 +57,19 @@ HANDLE Event::GetHandle()
 void Event::Reset()
 {
     if (!::ResetEvent(CreatedHandle()))
-        DebugLog(kClass, 1, "Internal ResetEvent call failed. GetLastError = %u.", static_cast<unsigned>(::GetLastError()));
+        TARN_MT_LOG_WIN32_ERROR(kClass, 1, ::GetLastError(), "Internal ResetEvent call failed.");
 }
 
 void Event::Set()
 {
     if (!::SetEvent(CreatedHandle()))
-        DebugLog(kClass, 1, "Internal SetEvent call failed. GetLastError = %u.", static_cast<unsigned>(::GetLastError()));
+        TARN_MT_LOG_WIN32_ERROR(kClass, 1, ::GetLastError(), "Internal SetEvent call failed.");
 }
 
 void Event::Pulse()
 {
     if (!::PulseEvent(CreatedHandle()))
-        DebugLog(kClass, 1, "Internal PulseEvent call failed. GetLastError = %u.", static_cast<unsigned>(::GetLastError()));
+        TARN_MT_LOG_WIN32_ERROR(kClass, 1, ::GetLastError(), "Internal PulseEvent call failed.");
 }
 
 bool Event::Wait(DWORD timeoutMs, Thread* thread)

@@ -32,7 +32,7 @@ private:
     bool EnsureCreated();
     HANDLE CreatedHandle();
 
-    CriticalSection m_createLock;
+    CriticalSection m_createLock;  // two threads' first use still makes one handle
     std::string m_name;
     bool m_alreadyExisted = false;
     SecurityAttributes m_securityAttributes;

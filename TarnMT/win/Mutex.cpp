@@ -43,7 +43,7 @@ bool Mutex::EnsureCreated()
     if (m_handle && error == ERROR_ALREADY_EXISTS)
         DebugLog(kClass, 2, "Internel CreateMutex call was successful, but indicated that a handle to an already existing named object was returned.");
     if (!m_handle)
-        DebugLog(kClass, 0, "Internel CreateMutex call failed. GetLastError = %u.", static_cast<unsigned>(error));
+        TARN_MT_LOG_WIN32_ERROR(kClass, 0, error, "Internel CreateMutex call failed.");
     return static_cast<bool>(m_handle);
 }
 
@@ -99,7 +99,7 @@ void Mutex::Release()
     if (!m_handle)
         return;
     if (!::ReleaseMutex(m_handle.Get()))
-        DebugLog(kClass, 1, "Internel ReleaseMutex call failed. GetLastError = %u.", static_cast<unsigned>(::GetLastError()));
+        TARN_MT_LOG_WIN32_ERROR(kClass, 1, ::GetLastError(), "Internel ReleaseMutex call failed.");
 }
 
 AutoLockMutex::AutoLockMutex(Mutex* mutex, DWORD timeoutMs, Thread* thread) : m_mutex(mutex)

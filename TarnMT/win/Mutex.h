@@ -29,7 +29,7 @@ public:
 private:
     bool EnsureCreated();
 
-    CriticalSection m_createLock;
+    CriticalSection m_createLock;  // two threads' first use still makes one handle
     std::string m_name;
     SecurityAttributes m_securityAttributes;
     TarnBase::UniqueHandle m_handle;

@@ -1,15 +1,17 @@
 #pragma once
 
+#include "TarnBase/KernelObjectName.h"
+
 #include <windows.h>
 
 namespace TarnMT {
 
-// Security attributes and integrity labels exist only on the NT family.
+// Security attributes and integrity labels exist only on the NT family. A system that
+// does not say which family it is gets none.
 inline bool IsNtPlatform()
 {
-    OSVERSIONINFOA info{};
-    info.dwOSVersionInfoSize = sizeof info;
-    return ::GetVersionExA(&info) && info.dwPlatformId == VER_PLATFORM_WIN32_NT;
+    TarnBase::OsVersion os;
+    return TarnBase::QueryOsVersion(os) && os.platformId == VER_PLATFORM_WIN32_NT;
 }
 
 } // namespace TarnMT

@@ -28,7 +28,7 @@ Thread::Thread()
 {
     m_yieldEvent.Reset(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
     if (!m_yieldEvent) {
-        DebugLog(kClass, 0, "Internel CreateEvent call failed. GetLastError = %u.", static_cast<unsigned>(::GetLastError()));
+        TARN_MT_LOG_WIN32_ERROR(kClass, 0, ::GetLastError(), "Internel CreateEvent call failed.");
         TARN_MT_THROW(kClass, kSource, TarnBase::InvalidObjectException);
     }
     m_lock.reset(new (std::nothrow) CriticalSection);
@@ -44,7 +44,7 @@ Thread::~Thread()
                  static_cast<unsigned>(kDestructorDeadlockMs));
         Abort(kDestructorDeadlockMs);
     } catch (...) {
-        DebugLog(kClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kSource, __LINE__);
+        TARN_LOG_UNKNOWN_EXCEPTION(DebugLog, kClass, kSource, __LINE__);
     }
 }
 
@@ -58,14 +58,13 @@ bool Thread::Execute()
     m_thread.Reset();
     m_threadId = 0;
     if (!::ResetEvent(m_yieldEvent.Get())) {
-        DebugLog(kClass, 0, "Internel ResetEvent call failed for our internal yield event. GetLastError = %u.",
-                 static_cast<unsigned>(::GetLastError()));
+        TARN_MT_LOG_WIN32_ERROR(kClass, 0, ::GetLastError(),
+                                "Internel ResetEvent call failed for our internal yield event.");
         return false;
     }
     // A request meant for the previous worker must not stop the next one at its first Sleep.
     m_abortRequested = false;
     m_running = true;
-    m_aborted = false;
 
     // The wrapper reads the handle and id through the lock we hold, so it cannot see them unset.
     unsigned id = 0;
@@ -129,7 +128,7 @@ void Thread::Suspend()
     if (m_suspended)
         return;
     if (::SuspendThread(m_thread.Get()) == static_cast<DWORD>(-1))
-        DebugLog(kClass, 1, "Internel SuspendThread call failed. GetLastError = %u.", static_cast<unsigned>(::GetLastError()));
+        TARN_MT_LOG_WIN32_ERROR(kClass, 1, ::GetLastError(), "Internel SuspendThread call failed.");
     else
         m_suspended = true;
 }
@@ -146,7 +145,7 @@ void Thread::Resume()
     if (!m_suspended)
         return;
     if (::ResumeThread(m_thread.Get()) == static_cast<DWORD>(-1))
-        DebugLog(kClass, 1, "Internel ResumeThread call failed. GetLastError = %u.", static_cast<unsigned>(::GetLastError()));
+        TARN_MT_LOG_WIN32_ERROR(kClass, 1, ::GetLastError(), "Internel ResumeThread call failed.");
     else
         m_suspended = false;
 }
@@ -166,8 +165,8 @@ void Thread::Abort(DWORD deadlockTimeoutMs)
     DebugLog(kClass, 2, "Aborting underlying thread managed by this TarnMT::Thread object. Deadlock timeout interval = %u (in milliseconds).",
              static_cast<unsigned>(deadlockTimeoutMs));
     if (!::SetEvent(m_yieldEvent.Get()))
-        DebugLog(kClass, 1, "Failed to signal our internal Yield Event. We will attempt to continue anyway. SetEvent call failed with GetLastError = %u.",
-                 static_cast<unsigned>(::GetLastError()));
+        TARN_MT_LOG_WIN32_ERROR(kClass, 1, ::GetLastError(),
+                                "Failed to signal our internal Yield Event. We will attempt to continue anyway. SetEvent call failed with");
 
     // Not under the lock: the ending worker takes it to store its exit code.
     const DWORD result = ::WaitForSingleObject(thread, deadlockTimeoutMs);
@@ -178,14 +177,12 @@ void Thread::Abort(DWORD deadlockTimeoutMs)
         DebugLog(kClass, 1, "Timeout encountered waiting for clean thread death. TerminateThread (evil as it is) will be used to force the issue. Timeout interval: %u (in milliseconds).",
                  static_cast<unsigned>(deadlockTimeoutMs));
         if (!::TerminateThread(thread, 0))
-            DebugLog(kClass, 1, "Internal TerminateThread call failure. GetLastError = %u.", static_cast<unsigned>(::GetLastError()));
+            TARN_MT_LOG_WIN32_ERROR(kClass, 1, ::GetLastError(), "Internal TerminateThread call failure.");
         m_running = false;
-        m_aborted = true;
         m_exitCode = 0xFFFFFFFF;
         TARN_MT_THROW(kClass, kSource, TarnMT::ThreadDeadlockException);
     }
     m_running = false;
-    m_aborted = true;
     DebugLog(kClass, 2, "Successfully aborted underlying thread managed by this TarnMT::Thread object.");
 }
 

@@ -38,7 +38,6 @@ private:
     bool m_abortRequested = false;
     bool m_suspended = false;
     bool m_running = false;
-    bool m_aborted = false;
     DWORD m_exitCode = 0;
     TarnBase::UniqueHandle m_thread;
     DWORD m_threadId = 0;

@@ -81,10 +81,10 @@ private:
     template <typename Fn>
     HRESULT AnswerBoolean(const char* operation, VARIANT_BOOL* output, Fn decide);
 
-    Microsoft::WRL::ComPtr<IUnknown> m_site;
+    Microsoft::WRL::ComPtr<IUnknown> m_site;  // the container's site: the way to the browser and its page
+    // What the container enabled, only reported back: the control behaves the same either way.
     DWORD m_safetyOptions = 0;
     TarnBase::UniqueBstr m_trustDataFileUrl;
-    bool m_dirty = false;
 };
 
 } // namespace TarnSMX

@@ -4,6 +4,7 @@
 // alternative list. Never offered to a control sited in a remote page.
 #include "TarnSM/win/CTarnSM.h"
 
+#include "TarnBase/ResultLog.h"
 #include "TarnBase/win/Handle.h"
 #include "TarnMT/win/CriticalSection.h"
 #include "TarnSM/AltTrustList.h"
@@ -34,21 +35,26 @@ struct ContainerState {
     std::string moduleName;       // lower case, without directory; set once
     bool dynamicallyTrusted = false;  // false -> true at most once
     NameList builtIn;             // filled once
+    // Per vendor id, the names read from its key; a key not there yet is looked for again.
     std::map<std::string, NameList> vendorCache;
 };
 
 ContainerState g_state;
 
-// The host executable's full path as GetModuleFileNameA gives it; 0 on failure.
-DWORD HostModulePath(std::string& path)
+// The host executable's full path as GetModuleFileNameA gives it; false, logged at
+// `level` in the caller's name, when the system does not tell it.
+bool HostModulePath(const char* caller, unsigned char level, std::string& path)
 {
     char buffer[kModulePathChars] = {};
     const DWORD length = ::GetModuleFileNameA(nullptr, buffer, kModulePathChars);
-    if (length == 0)
-        return 0;
+    if (length == 0) {
+        TARN_LOG_LAST_ERROR(TarnLog::Log, kControlClass, level,
+                            "%s: Internal error. Failed to retrieve hosting process module name.", caller);
+        return false;
+    }
     // A truncated path (older systems leave it unterminated) is kept cut at the buffer.
     path.assign(buffer, length < kModulePathChars ? length : kModulePathChars - 1);
-    return length;
+    return true;
 }
 
 bool IsContainerDynamicallyTrustedRightNow()
@@ -60,12 +66,8 @@ bool IsContainerDynamicallyTrustedRightNow()
     }
 
     std::string path;
-    if (HostModulePath(path) == 0) {
-        TarnLog::Log(kControlClass, 0,
-                     "IsContainerDynamicallyTrustedRightNow: Internal error. Failed to retrieve hosting process module name. GetLastError: %u.",
-                     static_cast<unsigned>(::GetLastError()));
+    if (!HostModulePath("IsContainerDynamicallyTrustedRightNow", 0, path))
         return false;
-    }
     const std::wstring widePath = TarnUtils::AnsiToWide(path);
     const std::wstring pid = std::to_wstring(static_cast<unsigned long>(::GetCurrentProcessId()));
 
@@ -87,12 +89,8 @@ bool GetCurrentModuleName()
         return true;
     }
     std::string path;
-    if (HostModulePath(path) == 0) {
-        TarnLog::Log(kControlClass, 1,
-                     "GetCurrentModuleName: Internal error. Failed to retrieve hosting process module name. GetLastError: %u.",
-                     static_cast<unsigned>(::GetLastError()));
+    if (!HostModulePath("GetCurrentModuleName", 1, path))
         return false;
-    }
     std::vector<char> buffer(path.begin(), path.end());
     buffer.push_back('\0');
     ::PathStripPathA(buffer.data());

@@ -36,7 +36,6 @@ STDMETHODIMP CTarnSM::GetClassID(CLSID* clsid)
 
 STDMETHODIMP CTarnSM::InitNew()
 {
-    m_dirty = true;
     return S_OK;
 }
 
@@ -60,7 +59,8 @@ STDMETHODIMP CTarnSM::Load(IPropertyBag* bag, IErrorLog* errorLog)
     return S_OK;
 }
 
-STDMETHODIMP CTarnSM::Save(IPropertyBag* bag, BOOL clearDirty, BOOL)
+// IPersistPropertyBag asks nobody whether the control is dirty, so no dirty flag is kept.
+STDMETHODIMP CTarnSM::Save(IPropertyBag* bag, BOOL, BOOL)
 {
     if (bag == nullptr)
         return E_POINTER;
@@ -74,10 +74,7 @@ STDMETHODIMP CTarnSM::Save(IPropertyBag* bag, BOOL clearDirty, BOOL)
         TarnBase::UniqueVariant vendor;
         V_VT(vendor.Get()) = VT_BSTR;
         V_BSTR(vendor.Get()) = ::SysAllocString(GetVendorIdText().c_str());
-        hr = bag->Write(kPropertyMap[1].name, vendor.Get());
-        if (SUCCEEDED(hr) && clearDirty)
-            m_dirty = false;
-        return hr;
+        return bag->Write(kPropertyMap[1].name, vendor.Get());
     });
 }
 

@@ -1,5 +1,6 @@
 #include "TarnSM/win/FailedDownloads.h"
 
+#include "TarnBase/ResultLog.h"
 #include "TarnBase/win/Owners.h"
 #include "TarnSM/win/ScriptBoundary.h"
 #include "TarnUtils/win/TempFile.h"
@@ -61,8 +62,8 @@ void PruneFailedDownloads(const wchar_t* prefix) noexcept
             if (::DeleteFileW(files[i].path.c_str()))
                 TarnLog::Log(kControlClass, 3, "PruneFailedDownloads: Deleted an old failed download: %s.", name.c_str());
             else
-                TarnLog::Log(kControlClass, 2, "PruneFailedDownloads: Failed to delete an old failed download: %s. GetLastError: %u.",
-                             name.c_str(), static_cast<unsigned>(::GetLastError()));
+                TARN_LOG_LAST_ERROR(TarnLog::Log, kControlClass, 2,
+                                    "PruneFailedDownloads: Failed to delete an old failed download: %s.", name.c_str());
         }
     } catch (...) {
     }

@@ -1,5 +1,6 @@
 #include "TarnSM/win/ScriptBoundary.h"
 
+#include "TarnBase/ResultLog.h"
 #include "TarnBase/Throw.h"
 #include "TarnBase/win/Owners.h"
 #include "TarnSM/win/Guids.h"
@@ -52,7 +53,7 @@ void LogBaseException(const char* operation, const TarnBase::BaseException& e)
 void LogUnknownException(const char* operation, int line)
 {
     TarnLog::Log(kControlClass, 4, "%s():  Exception - Unknown.", operation);
-    TarnLog::Log(kControlClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kControlSource, line);
+    TARN_LOG_UNKNOWN_EXCEPTION(TarnLog::Log, kControlClass, kControlSource, line);
     SetScriptError(L"UNKNOWN_EXCEPTION_ERROR", E_FAIL);
 }
 

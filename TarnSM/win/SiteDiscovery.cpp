@@ -1,6 +1,7 @@
 // What the hosting browser says about the page: its URL, zone, scheme and domain.
 #include "TarnSM/win/CTarnSM.h"
 
+#include "TarnBase/ResultLog.h"
 #include "TarnSM/win/ScriptBoundary.h"
 #include "TarnUtils/win/StringConvert.h"
 
@@ -49,18 +50,16 @@ bool CTarnSM::GetCurrentSiteURLAndZone(std::string& url, DWORD& zone, bool* unre
     ComPtr<IWebBrowser2> browser;
     HRESULT hr = provider->QueryService(SID_SWebBrowserApp, IID_PPV_ARGS(&browser));
     if (FAILED(hr) || !browser) {
-        TarnLog::Log(kControlClass, 2,
-                     "GetCurrentSiteURLAndZone: Failed retrieve IWebBrowser2 from container. HRESULT = <0x%08.8X>",
-                     static_cast<unsigned>(hr));
+        TARN_LOG_HRESULT(TarnLog::Log, kControlClass, 2, hr,
+                         "GetCurrentSiteURLAndZone: Failed retrieve IWebBrowser2 from container.");
         return false;
     }
 
     TarnBase::UniqueBstr location;
     hr = browser->get_LocationURL(location.Put());
     if (FAILED(hr)) {
-        TarnLog::Log(kControlClass, 2,
-                     "GetCurrentSiteURLAndZone: Failed get location URL from IWebBrowser2. HRESULT = <0x%08.8X>",
-                     static_cast<unsigned>(hr));
+        TARN_LOG_HRESULT(TarnLog::Log, kControlClass, 2, hr,
+                         "GetCurrentSiteURLAndZone: Failed get location URL from IWebBrowser2.");
         return false;
     }
     // From here on the browser has named a page: a failure below means a page the control
@@ -78,16 +77,14 @@ bool CTarnSM::GetCurrentSiteURLAndZone(std::string& url, DWORD& zone, bool* unre
     ComPtr<IInternetSecurityManager> securityManager;
     hr = provider->QueryService(IID_IInternetSecurityManager, IID_PPV_ARGS(&securityManager));
     if (FAILED(hr)) {
-        TarnLog::Log(kControlClass, 4,
-                     "GetCurrentSiteURLAndZone: Failed to retrieve security manager from container. Will attempt CoCreate directly. HRESULT = <0x%08.8X>",
-                     static_cast<unsigned>(hr));
+        TARN_LOG_HRESULT(TarnLog::Log, kControlClass, 4, hr,
+                         "GetCurrentSiteURLAndZone: Failed to retrieve security manager from container. Will attempt CoCreate directly.");
         securityManager.Reset();
         hr = ::CoCreateInstance(CLSID_InternetSecurityManager, nullptr, CLSCTX_INPROC_SERVER,
                                 IID_PPV_ARGS(&securityManager));
         if (FAILED(hr)) {
-            TarnLog::Log(kControlClass, 2,
-                         "GetCurrentSiteURLAndZone: Failed to retrieve and CoCreate IE security manager. HRESULT = <0x%08.8X>",
-                         static_cast<unsigned>(hr));
+            TARN_LOG_HRESULT(TarnLog::Log, kControlClass, 2, hr,
+                             "GetCurrentSiteURLAndZone: Failed to retrieve and CoCreate IE security manager.");
             return false;
         }
     }
@@ -100,8 +97,7 @@ bool CTarnSM::GetCurrentSiteURLAndZone(std::string& url, DWORD& zone, bool* unre
     // A null location is mapped as an empty URL: the security manager refuses it cleanly.
     hr = securityManager->MapUrlToZone(location.Get() ? location.Get() : L"", &zone, 0);
     if (FAILED(hr)) {
-        TarnLog::Log(kControlClass, 2, "GetCurrentSiteURLAndZone: Failed to map URL to zone. HRESULT = <0x%08.8X>",
-                     static_cast<unsigned>(hr));
+        TARN_LOG_HRESULT(TarnLog::Log, kControlClass, 2, hr, "GetCurrentSiteURLAndZone: Failed to map URL to zone.");
         return false;
     }
     pageUnreadable = false;
@@ -170,31 +166,24 @@ bool CTarnSM::GetCurrentSiteDomainAndScheme(std::string& domain, std::string& sc
         return false;
     }
 
-    // Canonicalising is only a validity gate; the parses below use the URL as the browser
-    // gave it.
-    std::wstring canonical;
-    HRESULT hr = ParseUrl(TarnUtils::AnsiToWide(url), PARSE_CANONICALIZE, canonical);
-    if (FAILED(hr)) {
-        TarnLog::Log(kControlClass, 1,
-                     "GetCurrentSiteDomainAndScheme: Failed to canonicalize current site URL. HRESULT = <0x%08.8X>",
-                     static_cast<unsigned>(hr));
-        return false;
-    }
-    std::wstring wideScheme;
-    hr = ParseUrl(TarnUtils::AnsiToWide(url), PARSE_SCHEMA, wideScheme);
-    if (FAILED(hr)) {
-        TarnLog::Log(kControlClass, 1,
-                     "GetCurrentSiteDomainAndScheme: Failed to parse scheme from current site URL. HRESULT = <0x%08.8X>",
-                     static_cast<unsigned>(hr));
-        return false;
-    }
-    std::wstring wideDomain;
-    hr = ParseUrl(TarnUtils::AnsiToWide(url), PARSE_DOMAIN, wideDomain);
-    if (FAILED(hr)) {
-        TarnLog::Log(kControlClass, 1,
-                     "GetCurrentSiteDomainAndScheme: Failed to parse domain from current site URL. HRESULT = <0x%08.8X>",
-                     static_cast<unsigned>(hr));
-        return false;
+    // Canonicalising is only a validity gate; the parses after it use the URL as the
+    // browser gave it.
+    const std::wstring wideUrl = TarnUtils::AnsiToWide(url);
+    std::wstring canonical, wideScheme, wideDomain;
+    const struct {
+        PARSEACTION action;
+        std::wstring* out;
+        const char* failure;
+    } parses[] = {{PARSE_CANONICALIZE, &canonical, "canonicalize"},
+                  {PARSE_SCHEMA, &wideScheme, "parse scheme from"},
+                  {PARSE_DOMAIN, &wideDomain, "parse domain from"}};
+    for (const auto& parse : parses) {
+        const HRESULT hr = ParseUrl(wideUrl, parse.action, *parse.out);
+        if (FAILED(hr)) {
+            TARN_LOG_HRESULT(TarnLog::Log, kControlClass, 1, hr,
+                             "GetCurrentSiteDomainAndScheme: Failed to %s current site URL.", parse.failure);
+            return false;
+        }
     }
     scheme = TarnUtils::WideToAnsi(wideScheme);
     domain = TarnUtils::WideToAnsi(wideDomain);

@@ -3,6 +3,7 @@
 #include "TarnSM/win/CTarnSM.h"
 #include "TarnSM/win/FailedDownloads.h"
 
+#include "TarnBase/ResultLog.h"
 #include "TarnSM/SiteList.h"
 #include "TarnSM/win/ScriptBoundary.h"
 #include "TarnSM/win/SiteCache.h"
@@ -100,9 +101,8 @@ bool CTarnSM::IsCurrentSiteTrustedInternal()
         // check and the read would have unsigned lists believed and cached.
         TarnBase::UniqueFile held = TarnUtils::HoldForReading(tempPath);
         if (!held) {
-            TarnLog::Log(kControlClass, 1,
-                         "IsCurrentSiteTrustedInternal: Failed to hold the downloaded Trusted Site Data File for checking. GetLastError: %u.",
-                         static_cast<unsigned>(::GetLastError()));
+            TARN_LOG_LAST_ERROR(TarnLog::Log, kControlClass, 1,
+                                "IsCurrentSiteTrustedInternal: Failed to hold the downloaded Trusted Site Data File for checking.");
             return false;
         }
 

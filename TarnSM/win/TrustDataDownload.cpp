@@ -1,5 +1,6 @@
 #include "TarnSM/win/TrustDataDownload.h"
 
+#include "TarnBase/ResultLog.h"
 #include "TarnBase/win/Owners.h"
 #include "TarnMT/win/CriticalSection.h"
 #include "TarnSM/win/CTarnSM.h"
@@ -106,9 +107,8 @@ bool ReceiveBody(HINTERNET request, HANDLE file, ULONGLONG deadline)
         }
         DWORD written = 0;
         if (!::WriteFile(file, buffer, read, &written, nullptr)) {
-            TarnLog::Log(kControlClass, 1,
-                         "DownloadFile: Failure occurred while writing downloaded data to temporary file. GetLastError: %u.",
-                         static_cast<unsigned>(::GetLastError()));
+            TARN_LOG_LAST_ERROR(TarnLog::Log, kControlClass, 1,
+                                "DownloadFile: Failure occurred while writing downloaded data to temporary file.");
             return false;
         }
     }
@@ -120,8 +120,7 @@ bool Fetch(HINTERNET session, const std::string& downloadUrl, const std::string&
     TarnBase::UniqueInternetHandle request(::InternetOpenUrlA(
         session, downloadUrl.c_str(), nullptr, 0, INTERNET_FLAG_RESYNCHRONIZE | INTERNET_FLAG_NO_UI, 0));
     if (!request) {
-        TarnLog::Log(kControlClass, 1, "DownloadFile: Failure calling InternetOpenUrl. GetLastError: %u.",
-                     static_cast<unsigned>(::GetLastError()));
+        TARN_LOG_LAST_ERROR(TarnLog::Log, kControlClass, 1, "DownloadFile: Failure calling InternetOpenUrl.");
         return false;
     }
     // Only a later status failure reports it, but it has to be taken before any other call.
@@ -129,9 +128,8 @@ bool Fetch(HINTERNET session, const std::string& downloadUrl, const std::string&
 
     DWORD status = kUnknownStatus;
     if (!GetHttpStatusCode(status, request.Get())) {
-        TarnLog::Log(kControlClass, 1,
-                     "DownloadFile: Failed to retrieve HTTP status code from download operation, assuming failure. InternetOpenUrl GetLastError: %u.",
-                     static_cast<unsigned>(openUrlError));
+        TARN_LOG_WIN32_ERROR(TarnLog::Log, kControlClass, 1, openUrlError,
+                             "DownloadFile: Failed to retrieve HTTP status code from download operation, assuming failure. InternetOpenUrl");
         return false;
     }
     if (status != HTTP_STATUS_OK) {
@@ -143,9 +141,8 @@ bool Fetch(HINTERNET session, const std::string& downloadUrl, const std::string&
     TarnBase::UniqueFile file(::CreateFileA(targetPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
                                             FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file) {
-        TarnLog::Log(kControlClass, 1,
-                     "DownloadFile: Failed to create our temporary file to receive the download data. GetLastError: %u.",
-                     static_cast<unsigned>(::GetLastError()));
+        TARN_LOG_LAST_ERROR(TarnLog::Log, kControlClass, 1,
+                            "DownloadFile: Failed to create our temporary file to receive the download data.");
         return false;
     }
 
@@ -184,9 +181,8 @@ std::string GetTrustedSiteDownloadURL(CTarnSM& control, const std::string& pageU
     ComPtr<IMoniker> base;
     HRESULT hr = ::CreateURLMonikerEx(nullptr, TarnUtils::AnsiToWide(pageUrl).c_str(), &base, URL_MK_UNIFORM);
     if (FAILED(hr) || !base) {
-        TarnLog::Log(kControlClass, 2,
-                     "GetTrustedSiteDownloadURL: Failed to create base URL moniker. HRESULT = <0x%08.8X>",
-                     static_cast<unsigned>(hr));
+        TARN_LOG_HRESULT(TarnLog::Log, kControlClass, 2, hr,
+                         "GetTrustedSiteDownloadURL: Failed to create base URL moniker.");
         return downloadUrl;
     }
 
@@ -195,9 +191,8 @@ std::string GetTrustedSiteDownloadURL(CTarnSM& control, const std::string& pageU
     ComPtr<IMoniker> file;
     hr = ::CreateURLMoniker(base.Get(), fileName.c_str(), &file);
     if (FAILED(hr) || !file) {
-        TarnLog::Log(kControlClass, 2,
-                     "GetTrustedSiteDownloadURL: Failed to create URL moniker from base moniker. HRESULT = <0x%08.8X>",
-                     static_cast<unsigned>(hr));
+        TARN_LOG_HRESULT(TarnLog::Log, kControlClass, 2, hr,
+                         "GetTrustedSiteDownloadURL: Failed to create URL moniker from base moniker.");
         return downloadUrl;
     }
 
@@ -205,9 +200,8 @@ std::string GetTrustedSiteDownloadURL(CTarnSM& control, const std::string& pageU
     hr = file->GetDisplayName(nullptr, nullptr, &rawName);
     const CoTaskString name(rawName);
     if (FAILED(hr) || !name) {
-        TarnLog::Log(kControlClass, 2,
-                     "GetTrustedSiteDownloadURL: Failed to get string version of URL from moniker. HRESULT = <0x%08.8X>",
-                     static_cast<unsigned>(hr));
+        TARN_LOG_HRESULT(TarnLog::Log, kControlClass, 2, hr,
+                         "GetTrustedSiteDownloadURL: Failed to get string version of URL from moniker.");
         return downloadUrl;
     }
 
@@ -234,11 +228,9 @@ bool GetHttpStatusCode(DWORD& status, HINTERNET request)
             status = code;
             return true;
         }
-        TarnLog::Log(kControlClass, 1, "GetHttpStatusCode: Failed to call HttpQueryInfo, GetLastError: %u.",
-                     static_cast<unsigned>(::GetLastError()));
+        TARN_LOG_LAST_ERROR(TarnLog::Log, kControlClass, 1, "GetHttpStatusCode: Failed to call HttpQueryInfo,");
     } catch (...) {
-        TarnLog::Log(kControlClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kStatusSource,
-                     __LINE__);
+        TARN_LOG_UNKNOWN_EXCEPTION(TarnLog::Log, kControlClass, kStatusSource, __LINE__);
     }
     return false;
 }
@@ -253,16 +245,14 @@ bool DownloadFile(const std::string& downloadUrl, const std::string& targetPath)
     TarnBase::UniqueInternetHandle session(
         ::InternetOpenA("TarnSM", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
     if (!session) {
-        TarnLog::Log(kControlClass, 1, "DownloadFile: Failure calling InternetOpen. GetLastError: %u.",
-                     static_cast<unsigned>(::GetLastError()));
+        TARN_LOG_LAST_ERROR(TarnLog::Log, kControlClass, 1, "DownloadFile: Failure calling InternetOpen.");
         return false;
     }
 
     TarnLog::Log(kControlClass, 3, "DownloadFile: Calling InternetSetOption with a timeout value of: %u.",
                  static_cast<unsigned>(timeout));
     if (!::InternetSetOptionA(session.Get(), INTERNET_OPTION_CONNECT_TIMEOUT, &timeout, sizeof timeout))
-        TarnLog::Log(kControlClass, 1, "DownloadFile: Failure calling InternetSetOption. GetLastError: %u.",
-                     static_cast<unsigned>(::GetLastError()));
+        TARN_LOG_LAST_ERROR(TarnLog::Log, kControlClass, 1, "DownloadFile: Failure calling InternetSetOption.");
     // A server that answers nothing at all is bounded by these (where the platform honours
     // them); one that trickles is bounded by the deadline between reads.
     ::InternetSetOptionA(session.Get(), INTERNET_OPTION_RECEIVE_TIMEOUT, &deadlineMs, sizeof deadlineMs);

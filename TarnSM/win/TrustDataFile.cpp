@@ -1,5 +1,6 @@
 #include "TarnSM/win/TrustDataFile.h"
 
+#include "TarnBase/ResultLog.h"
 #include "TarnBase/win/Handle.h"
 #include "TarnSM/SiteList.h"
 #include "TarnSM/win/ScriptBoundary.h"
@@ -23,8 +24,8 @@ bool ReadTrustDataDLL(uint32_t schemeCode, const std::string& filePath, NameList
     // Loaded as data only: the module's code is never run.
     TarnBase::UniqueModule module(::LoadLibraryExA(filePath.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE));
     if (!module) {
-        TarnLog::Log(kControlClass, 1, "ReadTrustDataDLL: Failed to load Trusted Site Data File. File: %s. GetLastError: %u.",
-                     filePath.c_str(), static_cast<unsigned>(::GetLastError()));
+        TARN_LOG_LAST_ERROR(TarnLog::Log, kControlClass, 1,
+                            "ReadTrustDataDLL: Failed to load Trusted Site Data File. File: %s.", filePath.c_str());
         return false;
     }
     if (!LoadTrustedSigners(module.Get(), 103, "\n", signers))

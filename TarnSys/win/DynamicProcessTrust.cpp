@@ -1,6 +1,7 @@
 #include "TarnSys/win/DynamicProcessTrust.h"
 
 #include "TarnBase/KernelObjectName.h"
+#include "TarnBase/ResultLog.h"
 #include "TarnBase/Throw.h"
 #include "TarnBase/win/SharedView.h"
 #include "TarnLog/Log.h"
@@ -22,6 +23,20 @@ const char kSource[] = "DynamicProcessTrust";
 bool IsNtPlatform()
 {
     return TarnBase::CurrentOsVersion().platformId == VER_PLATFORM_WIN32_NT;
+}
+
+// The table's queries and updates answer false whatever fails; the log says what did.
+template <typename Body>
+bool FalseOnException(const char* operation, int line, Body&& body)
+{
+    try {
+        return body();
+    } catch (const TarnBase::BaseException& e) {
+        TarnLog::Log(kClass, 1, "%s():  Exception - %S.", operation, e.GetErrorId().c_str());
+    } catch (...) {
+        TARN_LOG_UNKNOWN_EXCEPTION(TarnLog::Log, kClass, kSource, line);
+    }
+    return false;
 }
 
 } // namespace
@@ -84,7 +99,7 @@ DynamicProcessTrust::DynamicProcessTrust()
     } catch (const TarnBase::BaseException&) {
         TarnLog::Log(kClass, 1, "%s():  Failed to construct properly.", "DynamicProcessTrust");
     } catch (...) {
-        TarnLog::Log(kClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kSource, __LINE__);
+        TARN_LOG_UNKNOWN_EXCEPTION(TarnLog::Log, kClass, kSource, __LINE__);
     }
 }
 
@@ -123,7 +138,7 @@ bool DynamicProcessTrust::InitMemoryMap()
         result = HRESULT_FROM_WIN32(::GetLastError());
     } else {
         existed = ::GetLastError() == ERROR_ALREADY_EXISTS;
-        view.Reset(::MapViewOfFile(mapping.Get(), m_access, 0, 0, kTableBytes));
+        view.Reset(::MapViewOfFile(mapping.Get(), FILE_MAP_ALL_ACCESS, 0, 0, kTableBytes));
         if (!view) {
             result = HRESULT_FROM_WIN32(::GetLastError());
             mapping.Reset();
@@ -140,8 +155,7 @@ bool DynamicProcessTrust::InitMemoryMap()
         }
     }
     if (FAILED(result)) {
-        TarnLog::Log(kClass, 1, "InitMemoryMap():  Failed to create/open shared memory. HRESULT = <0x%X>",
-                     static_cast<unsigned>(result));
+        TARN_LOG_HRESULT(TarnLog::Log, kClass, 1, result, "InitMemoryMap():  Failed to create/open shared memory.");
         return false;
     }
 
@@ -189,7 +203,7 @@ bool DynamicProcessTrust::IsTrustedProcess(const std::wstring& pid, const std::w
 {
     TARN_REQUIRE_VALID(m_valid, kClass, kSource, "IsTrustedProcess");
     const std::string pidText = LogText(pid);
-    try {
+    return FalseOnException("IsTrustedProcess", __LINE__, [&] {
         TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
         if (!InitializeHeld()) {
             TarnLog::Log(kClass, 1, "IsTrustedProcess():  Failed to intialize shared memory.");
@@ -225,19 +239,14 @@ bool DynamicProcessTrust::IsTrustedProcess(const std::wstring& pid, const std::w
                              : "IsTrustedProcess():  Process with PID = %s is not trusted.",
                      pidText.c_str());
         return trusted;
-    } catch (const TarnBase::BaseException& e) {
-        TarnLog::Log(kClass, 1, "IsTrustedProcess():  Exception - %S.", e.GetErrorId().c_str());
-    } catch (...) {
-        TarnLog::Log(kClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kSource, __LINE__);
-    }
-    return false;
+    });
 }
 
 bool DynamicProcessTrust::ClearTrustedProcess(const std::wstring& pid, const std::wstring& appPath)
 {
     TARN_REQUIRE_VALID(m_valid, kClass, kSource, "ClearTrustedProcess");
     const std::string pidText = LogText(pid);
-    try {
+    return FalseOnException("ClearTrustedProcess", __LINE__, [&] {
         TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
         if (!InitializeHeld()) {
             TarnLog::Log(kClass, 1, "ClearTrustedProcess():  Failed to intialize shared memory.");
@@ -295,27 +304,17 @@ bool DynamicProcessTrust::ClearTrustedProcess(const std::wstring& pid, const std
         WriteEntry(Table(), m_mapSize, index, std::vector<uint8_t>(kTableEntryBytes, 0));
         TarnLog::Log(kClass, 3, "ClearTrustedProcess():  Successfully cleared process with PID = %s.", pidText.c_str());
         return true;
-    } catch (const TarnBase::BaseException& e) {
-        TarnLog::Log(kClass, 1, "ClearTrustedProcess():  Exception - %S.", e.GetErrorId().c_str());
-    } catch (...) {
-        TarnLog::Log(kClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kSource, __LINE__);
-    }
-    return false;
+    });
 }
 
 bool DynamicProcessTrust::ConsumeTrustedProcess(const std::wstring& pid, const std::wstring& appPath)
 {
     TARN_REQUIRE_VALID(m_valid, kClass, kSource, "IsTrustedProcess");
-    try {
+    return FalseOnException("IsTrustedProcess", __LINE__, [&] {
         // The mutex is re-entrant: the query and the clear take it again without waiting.
         TarnMT::AutoLockMutex lock(&m_mutex, kTableLockTimeoutMs);
         return IsTrustedProcess(pid, appPath) && ClearTrustedProcess(pid, appPath);
-    } catch (const TarnBase::BaseException& e) {
-        TarnLog::Log(kClass, 1, "IsTrustedProcess():  Exception - %S.", e.GetErrorId().c_str());
-    } catch (...) {
-        TarnLog::Log(kClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kSource, __LINE__);
-    }
-    return false;
+    });
 }
 
 uint8_t* DynamicProcessTrust::HeldTable(size_t& size)

@@ -89,10 +89,10 @@ private:
     TarnBase::UniqueMappedView m_view;
     size_t m_mapSize = 0;
     TarnBase::UniqueHandle m_mapping;
-    DWORD m_access = FILE_MAP_ALL_ACCESS;
-    bool m_initialized = false;
-    bool m_valid = false;
+    bool m_initialized = false;  // the shared memory is mapped
+    bool m_valid = false;        // the mutex could be made; every operation refuses without it
     bool m_createdTable = false;
+    // Paths are compared across the file-system redirection a 32-bit process sees.
     bool m_wow64 = false;
 };
 

@@ -1,5 +1,6 @@
 #include "TarnUtils/win/CryptoUtils.h"
 
+#include "TarnBase/ResultLog.h"
 #include "TarnBase/Throw.h"
 #include "TarnLog/Log.h"
 #include "TarnUtils/CryptoUtilsSecret.h"
@@ -71,7 +72,7 @@ bool CryptoUtils::Initialize()
         m_initialized = true;
         return true;
     } catch (...) {
-        TarnLog::Log(kClass, 0, "Unhandled unknown exception detected. File: %s Line: %d.", kSource, __LINE__);
+        TARN_LOG_UNKNOWN_EXCEPTION(TarnLog::Log, kClass, kSource, __LINE__);
         Release();
         return false;
     }
@@ -80,7 +81,6 @@ bool CryptoUtils::Initialize()
 void CryptoUtils::Release()
 {
     m_key.Reset();
-    m_hash.Reset();
     m_provider.Reset();
     m_initialized = false;
 }

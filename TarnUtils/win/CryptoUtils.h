@@ -30,7 +30,7 @@ public:
     bool EncryptSection(bool final, std::wstring& text, size_t length);
     bool DecryptSection(bool final, std::wstring& text, size_t length);
 
-    // Destroys the key and the hash, releases the provider; the next operation starts over.
+    // Destroys the key, releases the provider; the next operation starts over.
     void Release();
 
     bool IsInitialized() const { return m_initialized; }
@@ -41,7 +41,6 @@ private:
 
     bool m_initialized = false;
     UniqueCryptProvider m_provider;
-    UniqueCryptHash m_hash;
     UniqueCryptKey m_key;
 };
 

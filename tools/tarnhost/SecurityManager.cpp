@@ -61,7 +61,6 @@ HRESULT STDMETHODCALLTYPE SecurityManager::QueryInterface(REFIID riid, void** pp
 
 HRESULT STDMETHODCALLTYPE SecurityManager::MapUrlToZone(LPCWSTR pwszUrl, DWORD* pdwZone, DWORD)
 {
-    ++m_mapCalls;
     if (!pwszUrl || !pdwZone)
         return E_INVALIDARG;
     *pdwZone = ZoneFor(pwszUrl);

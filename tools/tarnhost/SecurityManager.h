@@ -20,7 +20,6 @@ public:
     // The zone for `url`: a rule naming the whole URL wins over one naming its host; the
     // first such rule counts. Unmapped URLs are in the Internet zone.
     DWORD ZoneFor(const std::wstring& url) const;
-    unsigned long MapCalls() const { return m_mapCalls; }
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
 
@@ -41,7 +40,6 @@ public:
 
 private:
     std::vector<ZoneRule> m_rules;
-    unsigned long m_mapCalls = 0;
 };
 
 // The host name of a URL ("http://user@Host:81/x" -> "Host"); empty when it has none.

@@ -46,6 +46,16 @@ std::string FullPath(const std::string& path)
     return n > 0 && n < MAX_PATH ? std::string(full) : path;
 }
 
+// The control's own check; whatever it throws means the signature cannot be relied on.
+bool SignatureVerifies(const std::wstring& path)
+{
+    try {
+        return TarnUtils::Authenticode::VerifyAuthenticodeSignature(path);
+    } catch (...) {
+        return false;
+    }
+}
+
 int Build(const std::string& sitePath, const std::string& outPath)
 {
     std::ifstream in(sitePath, std::ios::binary);
@@ -109,11 +119,7 @@ int Show(const std::string& path)
 
     const std::wstring wide = TarnUtils::AnsiToWide(full);
     const std::string signer = TarnUtils::Authenticode::ReadSignerCommonName(wide);
-    bool valid = false;
-    try {
-        valid = TarnUtils::Authenticode::VerifyAuthenticodeSignature(wide);
-    } catch (...) {
-    }
+    const bool valid = SignatureVerifies(wide);
     std::printf("signer: %s\n", signer.empty() ? "(none)" : signer.c_str());
     std::printf("signature: %s\n", valid ? "valid" : "NOT valid");
     return 0;
@@ -126,11 +132,7 @@ int Check(const std::string& path, const std::string& domain, const std::string&
     std::vector<std::string> signers, trusted, denied;
     if (!TarnSMX::ReadTrustDataDLL(code, full, signers, trusted, denied))
         return Fail("the control cannot read a list for " + scheme + " pages from " + path + ": not trusted", 1);
-    bool valid = false;
-    try {
-        valid = TarnUtils::Authenticode::VerifyAuthenticodeSignature(TarnUtils::AnsiToWide(full));
-    } catch (...) {
-    }
+    const bool valid = SignatureVerifies(TarnUtils::AnsiToWide(full));
     if (!valid)
         std::printf("note: the signature does not verify here; the control would refuse this file\n");
     for (const auto& entry : denied)
