@@ -1,70 +1,25 @@
 // Hostile and broken input fed to the registered DLL through a real page host. Whatever
 // arrives, the host must come back, exit cleanly, and never hear "true" where the lists do
 // not say so.
-#include "PageHost.h"
-#include "Registry.h"
-#include "TestServer.h"
-
-#include <doctest.h>
+#include "BlackBoxPages.h"
 
 using namespace TarnTest;
 
 namespace {
 
-// Every call goes through ask(), so a refused value shows up as a line "error <hex> ...".
-const std::wstring kAsk =
-    L"function ask(f) { try { return String(f()); } catch (e) {"
-    L" return 'error ' + (e.number >>> 0).toString(16) + ' ' + e.description; } }\n";
+const std::wstring kAsk = Widen(kAskFunction);
 const std::wstring kSite = L"host.Echo(ask(function () { return TarnSM.IsCurrentSiteTrusted(); }));\n";
 const std::wstring kContainer = L"host.Echo(ask(function () { return TarnSM.IsCurrentContainerTrusted(''); }));\n";
 
-// The data files' server, and pages in tarnhost.
-struct Pages {
-    TestServer server{std::string(std::getenv("TARN_BINARY_DIR")) + "/trustfiles/www"};
-    PageHost pages;
-    Pages() { REQUIRE(server.Running()); }
-};
-
-// The page's answers, after checking the host survived.
-std::vector<std::string> Lines(const PageRun& run)
-{
-    INFO("stdout: " << run.out << "stderr: " << run.result.err);
-    CHECK_FALSE(run.result.timedOut);
-    CHECK(run.result.exitCode == 0);
-    std::vector<std::string> lines;
-    for (size_t at = 0, end; at < run.out.size(); at = end + 1) {
-        end = run.out.find('\n', at);
-        lines.push_back(run.out.substr(at, end - at));
-    }
-    return lines;
-}
-
 std::vector<std::wstring> PageAt(const std::wstring& url, const std::string& dataFile, const std::string& vendor = "")
 {
-    std::vector<std::wstring> options = {L"--url", url, L"--param", Widen("TrustedSiteDataFileURL=" + dataFile)};
+    std::vector<std::string> params = {"TrustedSiteDataFileURL=" + dataFile};
     if (!vendor.empty())
-        options.insert(options.end(), {L"--param", Widen("VendorID=" + vendor)});
-    return options;
+        params.push_back("VendorID=" + vendor);
+    return TarnTest::PageAt(url, params);
 }
 
 } // namespace
-
-TEST_CASE_FIXTURE(Pages, "odd but validly signed data files: a list of over 30,000 characters, 5,000 site signers")
-{
-    struct Row { const wchar_t* page; const char* file; const char* answer; };
-    const Row rows[] = {
-        {L"http://near-end.example.com/p.html", "/fault/huge.dll", "true"},  // the very last entry
-        {L"http://deny.s00000.fault.example/p.html", "/fault/huge.dll", "false"},  // denied by the last line
-        {L"http://shop.example.com/p.html", "/fault/signers.dll", "true"},
-    };
-    for (const Row& row : rows) {
-        CAPTURE(Narrow(row.page));
-        REQUIRE(server.ResetCounts());
-        CHECK(Lines(pages.Run(PageAt(row.page, server.Url(row.file)), Utf16Script(kAsk + kSite + kSite))) ==
-              std::vector<std::string>{row.answer, row.answer});
-        CHECK(server.RequestCount(row.file) == 1);  // a list that trusts anyone is kept, also for a "false"
-    }
-}
 
 TEST_CASE_FIXTURE(Pages, "oversized page URL, parameters and script values: the host survives, never a wrong true")
 {
@@ -109,7 +64,7 @@ TEST_CASE_FIXTURE(Pages, "oversized page URL, parameters and script values: the 
     for (const Row& row : rows) {
         CAPTURE(row.what);
         REQUIRE(server.ResetCounts());
-        const std::vector<std::string> lines = Lines(pages.Run(row.options, Utf16Script(kAsk + row.script)));
+        const std::vector<std::string> lines = Survived(pages.Run(row.options, Utf16Script(kAsk + row.script)).result);
         REQUIRE(lines.size() == row.answers);
         for (size_t i = 0; i < lines.size(); ++i)
             if (lines[i].find_first_not_of("0123456789") != std::string::npos)  // a length, echoed as a number
@@ -119,45 +74,8 @@ TEST_CASE_FIXTURE(Pages, "oversized page URL, parameters and script values: the 
     }
 }
 
-TEST_CASE_FIXTURE(Pages, "vendor subkey names: the longest, odd punctuation, look-alikes of the signer and of the host")
-{
-    const std::wstring longest(255, L'x');
-    VendorKey signers(Unique("OddSigners"));
-    signers.AddSigners({longest, L"Plain Signer;|*?\"<>,=+#", L"\xFF30lainSigner"});
-    // good.dll is signed by PlainSigner, whom this vendor does not list.
-    CHECK(Lines(pages.Run(PageAt(L"http://shop.example.com/p.html", server.Url("/good.dll"), signers.Name()),
-                          Utf16Script(kAsk + kSite))) == std::vector<std::string>{"false"});
-
-    struct Row { std::vector<std::wstring> names; const char* answer; };
-    for (const Row& row : {Row{{longest, L"tarnhost.exe ", L"\xFF54" L"arnhost.exe"}, "false"},
-                           Row{{longest, L"tarnhost.exe"}, "true"}}) {  // the list is read at all
-        VendorKey containers(Unique("OddContainers"));
-        containers.AddContainers(row.names);
-        CHECK(Lines(pages.Run({L"--url", L"file:///C:/x/page.html", L"--param", Widen("VendorID=" + containers.Name())},
-                              Utf16Script(kAsk + kContainer))) == std::vector<std::string>{row.answer});
-    }
-}
-
-// What an attacker controls - a certificate's subject, the VendorID, a vendor list's
-// spelling, the page URL - never turns into "trusted" where an honest reading says no.
-// Each row is a way in that once worked.
-TEST_CASE_FIXTURE(Pages, "a signer that only looks like a trusted one signs nothing")
-{
-    struct Row { const char* file; const char* answer; bool refusedAsInexact; };
-    const Row rows[] = {
-        {"/good.dll", "true", false},      // PlainSigner itself: the page is trusted
-        {"/lookalike.dll", "false", true}, // U+FF30 "lainSigner"
-        {"/forged.dll", "false", false},   // "2.5.4.3=PlainSigner" inside a quoted OU value
-    };
-    for (const Row& row : rows) {
-        CAPTURE(std::string(row.file));
-        const PageRun run = pages.Run(PageAt(L"http://example.com/p.html", server.Url(row.file)), Utf16Script(kAsk + kSite));
-        CHECK(Lines(run) == std::vector<std::string>{row.answer});
-        CHECK(run.Logged("VerifyAuthenticodeSignatureAndTrustedSigner (list) - Signer common name in ") ==
-              row.refusedAsInexact);
-    }
-}
-
+// What an attacker controls - the VendorID, the page URL - never turns into "trusted" where
+// an honest reading says no. Each row is a way in that once worked.
 TEST_CASE_FIXTURE(Pages, "a VendorID that would change the registry path, or has no ANSI form, is an unknown vendor")
 {
     const char kInvalidVendor[] = "IsCurrentSiteTrustedInternal: Invalid VendorID parameter provided. Failling back to defaults.";
@@ -178,36 +96,13 @@ TEST_CASE_FIXTURE(Pages, "a VendorID that would change the registry path, or has
         CAPTURE(Narrow(row.vendorId));
         const std::wstring set = L"host.Echo(ask(function () { TarnSM.VendorID = '" + row.vendorId + L"'; return 'set'; }));\n";
         const PageRun run = pages.Run(PageAt(L"http://example.com/p.html", server.Url(row.file)), Utf16Script(kAsk + set + kSite));
-        CHECK(Lines(run) == std::vector<std::string>{"set", row.answer});
+        CHECK(Survived(run.result) == std::vector<std::string>{"set", row.answer});
         CHECK(run.Logged(kInvalidVendor) == (row.vendorId != id));
         CHECK_FALSE(run.Logged("Throwing "));
     }
     // The same text as a page parameter goes through IPersistPropertyBag::Load.
-    std::vector<std::wstring> options = PageAt(L"http://example.com/p.html", server.Url("/good.dll"));
-    options.insert(options.end(), {L"--param", L"VendorID=Vendor\x4E2D\x6587"});
-    const PageRun run = pages.Run(options, Utf16Script(kAsk + L"host.Echo(TarnSM.VendorID === 'Vendor\x4E2D\x6587');\n" + kSite));
-    CHECK(Lines(run) == std::vector<std::string>{"true", "true"});
+    const PageRun run = pages.Run(PageAt(L"http://example.com/p.html", server.Url("/good.dll"), "Vendor\xE4\xB8\xAD\xE6\x96\x87"),
+                                  Utf16Script(kAsk + L"host.Echo(TarnSM.VendorID === 'Vendor\x4E2D\x6587');\n" + kSite));
+    CHECK(Survived(run.result) == std::vector<std::string>{"true", "true"});
     CHECK(run.Logged(kInvalidVendor));
-}
-
-TEST_CASE("container trust: an unreadable page or vendor name never brings back a trusted name")
-{
-    PageHost pages;
-    VendorKey vendor(Unique("InexactOnly"));
-    vendor.AddContainers({L"\xFF4Dyhost.exe"});
-    struct Row { const char* what; std::vector<std::wstring> options; const char* record; };
-    const Row rows[] = {
-        {"a remote page whose URL has no ANSI form is still a remote page",
-         {L"--url", L"http://127.0.0.1/\x0436/page.html"},
-         "IsCurrentContainerTrustedInternal: Current site's URL or security zone cannot be read. Container trust cannot be determined."},
-        {"a vendor listing only a name without an exact ANSI form still replaces the built-in list",
-         {L"--param", L"VendorID=" + Widen(vendor.Name())}, nullptr},
-    };
-    for (const Row& row : rows) {
-        CAPTURE(row.what);
-        const PageRun run = pages.Run(row.options, kAskContainerScript, {}, L"mshta.exe");
-        CHECK(Lines(run) == std::vector<std::string>{"false"});
-        if (row.record)
-            CHECK(run.Logged(row.record));
-    }
 }

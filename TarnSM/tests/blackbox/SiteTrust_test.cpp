@@ -1,12 +1,8 @@
 // Site trust end to end: data files served from 127.0.0.1, tarnhost (or, for two pages in one
 // process, its browser site in process) playing the browser, the registered DLL deciding,
 // and the log ring telling why. The full matching table is in the portable SiteList tests.
+#include "BlackBoxPages.h"
 #include "BrowserSite.h"
-#include "PageHost.h"
-#include "Registry.h"
-#include "TestServer.h"
-
-#include <doctest.h>
 
 using namespace TarnTest;
 
@@ -17,18 +13,10 @@ const char kVerifyFailed[] =
 const char kReadFailed[] = "IsCurrentSiteTrustedInternal: Failed to read trust data file. Cannot determine trust.";
 const char kVerified[] = "IsCurrentSiteTrustedInternal: Verified Trusted Site Data File itself can be trusted.";
 
-// The data files' server, and pages in tarnhost.
-struct Pages {
-    TestServer server{std::string(std::getenv("TARN_BINARY_DIR")) + "/trustfiles/www"};
-    PageHost pages;
-    Pages() { REQUIRE(server.Running()); }
-};
-
 std::vector<std::wstring> Page(const std::string& url, const std::vector<std::string>& params, int controls = 1)
 {
-    std::vector<std::wstring> options = {L"--url", Widen(url), L"--controls", std::to_wstring(controls)};
-    for (const auto& p : params)
-        options.insert(options.end(), {L"--param", Widen(p)});
+    std::vector<std::wstring> options = PageAt(Widen(url), params);
+    options.insert(options.end(), {L"--controls", std::to_wstring(controls)});
     return options;
 }
 
@@ -80,59 +68,63 @@ TEST_CASE_FIXTURE(Pages, "fault matrix: every fault answers false twice, names i
     }
 }
 
-TEST_CASE_FIXTURE(Pages, "domains under the default signers: listed, denied (asked twice, so from the cache too) and unlisted")
+TEST_CASE_FIXTURE(Pages, "domains under the default signers: listed, denied (asked twice, so from the cache too), unlisted, lists read whole")
 {
-    const std::string file = "TrustedSiteDataFileURL=" + server.Url("/good.dll");
-    // {page -> answers; a record, and how often the two questions logged it (0: at all)}
-    struct Row { const char* page; const char* answers; const char* record = nullptr; size_t count = 0; };
+    // {page, data file -> answers; a record, and how often the two questions logged it (0: at all)}
+    struct Row { const char* page; const char* file; const char* answers; const char* record = nullptr; size_t count = 0; };
     const char* denied = "GetTrust: Current site found on denied list. Current site is not trusted.";
     const Row rows[] = {
-        {"http://example.com/p.html", "true\ntrue\n"},                                    // bare entry: the domain itself
-        {"http://shop.example.com/p.html", "true\ntrue\n",                                // ... and its subdomains
+        {"http://example.com/p.html", "/good.dll", "true\ntrue\n"},
+        {"http://shop.example.com/p.html", "/good.dll", "true\ntrue\n",
          "GetTrust: Current site found on trust list. Current site is trusted."},
-        {"http://badexample.com/p.html", "false\nfalse\n"},                               // but not a mere suffix
-        {"http://bad.example.com/p.html", "false\nfalse\n", denied, 2},                   // denied wins, also from the cache
-        {"https://secure.example.com/p.html", "true\ntrue\n"},                            // https pages read their own list
-        {"https://exact.example.org/p.html", "true\ntrue\n"},                             // "=": only that domain
-        {"https://wild.example.net/p.html", "false\nfalse\n"},                            // "*.": only subdomains
-        {"HTTPS://secure.example.com/p.html", "true\ntrue\n"},                            // scheme in capitals
-        {"http://Example.com/p.html", "false\nfalse\n"},                                  // case matters in domains
+        {"http://bad.example.com/p.html", "/good.dll", "false\nfalse\n", denied, 2},  // denied wins, also from the cache
+        {"https://secure.example.com/p.html", "/good.dll", "true\ntrue\n"},          // https pages read their own list
+        {"HTTPS://secure.example.com/p.html", "/good.dll", "true\ntrue\n"},          // scheme in capitals
+        {"http://Example.com/p.html", "/good.dll", "false\nfalse\n"},                // case matters in domains
+        // A list of over 30,000 characters: its very last entry, and a denial on its last line.
+        {"http://near-end.example.com/p.html", "/fault/huge.dll", "true\ntrue\n"},
+        {"http://deny.s00000.fault.example/p.html", "/fault/huge.dll", "false\nfalse\n", denied},
+        {"http://shop.example.com/p.html", "/fault/signers.dll", "true\ntrue\n"},    // 5,000 site signers
     };
     for (const Row& row : rows) {
-        CAPTURE(std::string(row.page));
+        CAPTURE(std::string(row.page) + row.file);
         REQUIRE(server.ResetCounts());
-        const PageRun run = pages.Run(Page(row.page, {file}), AskSiteScript(2));
+        const PageRun run = pages.Run(Page(row.page, {"TrustedSiteDataFileURL=" + server.Url(row.file)}), AskSiteScript(2));
         CHECK(run.out == row.answers);
         CHECK(run.Logged(kVerified));
         CHECK(run.leftDownloads.empty());  // a file that was read is removed
-        CHECK(server.RequestCount("/good.dll") == 1);
+        CHECK(server.RequestCount(row.file) == 1);  // a list that trusts anyone is kept, also for a "false"
         if (row.record)
             CHECK((row.count ? run.Count(row.record) == row.count : run.Logged(row.record)));
     }
 }
 
-TEST_CASE_FIXTURE(Pages, "signer choice: defaults, a vendor's own list, and the fallbacks")
+TEST_CASE_FIXTURE(Pages, "signer choice: defaults, a vendor's own list, the fallbacks, and signers that only look like trusted ones")
 {
-    const std::string page = "http://shop.example.com/p.html";
-    VendorKey wrongUsage(Unique("WrongUsageVendor"));
+    VendorKey wrongUsage(Unique("WrongUsageVendor")), bare(Unique("NoSignersVendor")), odd(Unique("OddSigners"));
     wrongUsage.AddSigners({L"WrongUsage"});
-    VendorKey bare(Unique("NoSignersVendor"));
+    // Names at the registry's length limit, odd punctuation, and a look-alike of PlainSigner.
+    odd.AddSigners({std::wstring(255, L'x'), L"Plain Signer;|*?\"<>,=+#", L"\xFF30lainSigner"});
     struct Row { const char* file; std::string vendor; const char* answer; const char* message; };
     const Row rows[] = {
         {"/org.dll", "", "true\n", kVerified},  // "Org, Inc.": a default signer with a quoted comma
         {"/wrongusage.dll", wrongUsage.Name(), "true\n", kVerified},
         {"/good.dll", wrongUsage.Name(), "false\n", kVerifyFailed},  // the vendor's list replaces the defaults
+        {"/good.dll", odd.Name(), "false\n", kVerifyFailed},
         {"/good.dll", bare.Name(), "true\n",
          "LoadVendorTrustedSigners: Failed to open our vendor specific config key. lResult = "},
         {"/good.dll", "NoSuchVendor", "true\n",
          "IsCurrentSiteTrustedInternal: Invalid VendorID parameter provided. Failling back to defaults. VendorID: NoSuchVendor."},
+        // Certificates named U+FF30 "lainSigner", and "2.5.4.3=PlainSigner" inside a quoted OU value.
+        {"/lookalike.dll", "", "false\n", "VerifyAuthenticodeSignatureAndTrustedSigner (list) - Signer common name in "},
+        {"/forged.dll", "", "false\n", kVerifyFailed},
     };
     for (const Row& row : rows) {
         CAPTURE(row.file);
         std::vector<std::string> params = {"TrustedSiteDataFileURL=" + server.Url(row.file)};
         if (!row.vendor.empty())
             params.push_back("VendorID=" + row.vendor);
-        const PageRun run = pages.Run(Page(page, params), AskSiteScript(1));
+        const PageRun run = pages.Run(Page("http://shop.example.com/p.html", params), AskSiteScript(1));
         CHECK(run.out == row.answer);
         CHECK(run.Logged(row.message));
     }

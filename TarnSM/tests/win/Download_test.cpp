@@ -1,5 +1,5 @@
-// DownloadFile and GetHttpStatusCode against the local web server, and the connect time-out
-// configuration as the download reads it from the registry.
+// DownloadFile against the local web server (the status it reads decides), and the connect
+// time-out configuration as the download reads it from the registry.
 #include "LogCapture.h"
 #include "Registry.h"
 #include "Scratch.h"
@@ -121,24 +121,6 @@ TEST_CASE("DownloadFile table: a 200 body is written whole over the target; anyt
         }
     }
     CHECK(Web().RequestCount(longPath) == 1);
-}
-
-TEST_CASE("GetHttpStatusCode reads a request's status and answers 999 for other handles")
-{
-    LogCapture capture;
-    TarnBase::UniqueInternetHandle session(::InternetOpenA("TarnSM", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
-    for (HINTERNET handle : {HINTERNET(nullptr), session.Get()}) {
-        DWORD status = 0;
-        CHECK_FALSE(TarnSMX::GetHttpStatusCode(status, handle));
-        CHECK(status == 999);
-    }
-    CHECK(capture.HasSubstring("GetHttpStatusCode: Failed to call HttpQueryInfo, GetLastError: "));
-    CHECK_FALSE(capture.Has("GetHttpStatusCode: Failed to call HttpQueryInfo, GetLastError: 0."));
-    DWORD status = 0;
-    TarnBase::UniqueInternetHandle request(::InternetOpenUrlA(
-        session.Get(), Url("/dir/trust.dll?status=206").c_str(), nullptr, 0, 0xA00, 0));
-    CHECK(TarnSMX::GetHttpStatusCode(status, request.Get()));
-    CHECK(status == 206);
 }
 
 TEST_CASE("time-out table: the machine value as a REG_DWORD only; a configured vendor reads its own key only")

@@ -1,7 +1,9 @@
 // The system loader must accept what the builder writes: every string of the input loads
-// whole, and ids the input does not hold are empty.
+// whole, up to the builder's limit, and ids the input does not hold are empty.
 #include "Scratch.h"
 #include "tools/tarntrust/TrustDataModule.h"
+
+#include "TarnBase/Exceptions.h"
 
 #include <doctest.h>
 
@@ -19,19 +21,17 @@ std::string LoadInPlace(HMODULE module, UINT id)
 
 } // namespace
 
-TEST_CASE("built trust data modules load as data files with every string whole")
+TEST_CASE("built trust data modules load as data files with every string whole; a longer string is refused")
 {
     std::string list;
     for (int i = 0; list.size() < 6000; ++i)
         list += "+site" + std::to_string(i) + ".example.com\n";
     list.resize(6000);
-    std::map<uint16_t, std::string> many;
-    for (uint16_t id = 96; id < 128; id += 3)
-        many[id] = "id" + std::to_string(id);
-    many[200] = std::string(300, 'w');
+    const std::string longest(kMaxTrustDataStringUnits, 'L');
+    CHECK_THROWS_AS(BuildTrustDataModule({{102, longest + "L"}}), TarnBase::InvalidParameterException);
     const std::map<uint16_t, std::string> tables[] = {
         {{101, list}, {102, "+a.example\r\n-b.example"}, {103, "PlainSigner"}, {0, "zero"}, {4000, "far"}, {65535, "last"}},
-        many,
+        {{102, longest}, {126, "id126"}, {127, "id127"}},
         {},
     };
     for (const auto& strings : tables) {
