@@ -130,35 +130,28 @@ TEST_CASE_FIXTURE(Pages, "signer choice: defaults, a vendor's own list, the fall
     }
 }
 
-TEST_CASE_FIXTURE(Pages, "the cache: one download per data file, shared by the page's controls")
+TEST_CASE_FIXTURE(Pages, "the cache: one download per data file, shared by the page's controls; a list trusting nobody is fetched again")
 {
-    // The default file name beside the page, asked twice: fetched once.
-    CHECK(pages.Run(Page(server.Url("/shop/page.html"), {}), AskSiteScript(2)).out == "true\ntrue\n");
-    CHECK(server.RequestCount("/shop/trust.dll") == 1);
-
-    // Two controls, only the first with the property: one file, one download.
-    REQUIRE(server.ResetCounts());
-    CHECK(pages.Run(Page("http://shop.example.com/p.html", {"1:TrustedSiteDataFileURL=" + server.Url("/good.dll")}, 2),
-                    AskSiteScript(1, 2))
-              .out == "true\ntrue\n");
-    CHECK(server.RequestCount("/good.dll") == 1);
-
-    // A file whose list trusts nobody is not worth keeping: asked again, fetched again.
-    const PageRun empty = pages.Run(Page("http://shop.example.com/p.html",
-                                         {"TrustedSiteDataFileURL=" + server.Url("/emptytrust.dll")}),
-                                    AskSiteScript(2));
-    CHECK(empty.out == "false\nfalse\n");
-    CHECK(empty.Logged("IsCurrentSiteTrustedInternal: No sites are trusted. Current site is NOT TRUSTED."));
-    CHECK(server.RequestCount("/emptytrust.dll") == 2);
-
-    // Data file URLs differing only in letter case share one cache entry.
-    REQUIRE(server.ResetCounts());
-    CHECK(pages.Run(Page("http://shop.example.com/p.html", {"1:TrustedSiteDataFileURL=" + server.Url("/good.dll"),
-                                                            "2:TrustedSiteDataFileURL=" + server.Url("/GOOD.DLL")},
-                         2),
-                    AskSiteScript(1, 2))
-              .out == "true\ntrue\n");
-    CHECK(server.RequestCount("/good.dll") == 1);
+    const std::string shop = "http://shop.example.com/p.html", good = "TrustedSiteDataFileURL=" + server.Url("/good.dll");
+    // {page, parameters, controls (one control is asked twice, two once each) -> answers, the
+    // file and how often it was fetched, a record}
+    struct Row { std::string page; std::vector<std::string> params; int controls; const char* answers; const char* file; long fetched; const char* record; };
+    const Row rows[] = {
+        {server.Url("/shop/page.html"), {}, 1, "true\ntrue\n", "/shop/trust.dll", 1, kVerified},  // the default, beside the page
+        {shop, {"1:" + good}, 2, "true\ntrue\n", "/good.dll", 1, kVerified},  // the second control borrows the name
+        {shop, {"TrustedSiteDataFileURL=" + server.Url("/emptytrust.dll")}, 1, "false\nfalse\n", "/emptytrust.dll", 2,
+         "IsCurrentSiteTrustedInternal: No sites are trusted. Current site is NOT TRUSTED."},
+        // URLs differing only in letter case share one entry: GOOD.DLL is never fetched (checked last).
+        {shop, {"1:" + good, "2:TrustedSiteDataFileURL=" + server.Url("/GOOD.DLL")}, 2, "true\ntrue\n", "/good.dll", 1, kVerified},
+    };
+    for (const Row& row : rows) {
+        CAPTURE(row.file);
+        REQUIRE(server.ResetCounts());
+        const PageRun run = pages.Run(Page(row.page, row.params, row.controls), AskSiteScript(3 - row.controls, row.controls));
+        CHECK(run.out == row.answers);
+        CHECK(run.Logged(row.record));
+        CHECK(server.RequestCount(row.file) == row.fetched);
+    }
     CHECK(server.RequestCount("/GOOD.DLL") == 0);
 }
 

@@ -55,9 +55,8 @@ TEST_SUITE("host stall")
             ScopedRegistryKey key(HKEY_CURRENT_USER, "SOFTWARE\\Ostrum\\Kestrel\\Logger");
             REQUIRE(key.SetRaw("NumberOfLogEntries", REG_DWORD, &entries, sizeof entries));
             // The page keeps its process, and so the ring, alive while the ring is looked at.
-            Process page(pages.Args({L"--url", L"file:///C:/x/page.html"},
-                                     kAskFunction + kNotImplemented + "var end = new Date().getTime() + 4000;"
-                                                    " while (new Date().getTime() < end) {}\n"));
+            Process page(pages.Args(PageAt(L"file:///C:/x/page.html"), kAskFunction + kNotImplemented +
+                                    "var end = new Date().getTime() + 4000; while (new Date().getTime() < end) {}\n"));
             REQUIRE(page.WaitForOutput("error 80004001 \n", 20000));
             RingHeaderEditor editor;
             REQUIRE_MESSAGE(editor.IsOpen(), "the page made no ring");
@@ -139,14 +138,10 @@ TEST_SUITE("host stall")
         REQUIRE(editor.IsOpen());
         const TarnLog::RingHeader saved = editor.Header();
         std::string script = kAskFunction, expected;
-        for (int i = 0; i < 20; ++i) {
-            script += "host.Echo(ask(function () { return TarnSM.IsCurrentSiteTrusted(); }));\n";
-            script += kNotImplemented;
-            expected += "true\nerror 80004001 \n";
-        }
-        Process page(pages.Args({L"--url", L"http://example.com/p.html", L"--param",
-                                      Widen("TrustedSiteDataFileURL=" + server.Url("/good.dll"))},
-                                     script + kErrorLine));
+        for (int i = 0; i < 20; ++i)
+            script += Asks("IsCurrentSiteTrusted()", 1) + kNotImplemented, expected += "true\nerror 80004001 \n";
+        Process page(pages.Args(PageAt(L"http://example.com/p.html", {"TrustedSiteDataFileURL=" + server.Url("/good.dll")}),
+                                script + kErrorLine));
         // Half the damage under the ring mutex, as a broken reader would make it, half
         // straight into a second writable view, as a hostile process would.
         RingView raw;
