@@ -6,6 +6,7 @@
 
 #include <doctest.h>
 
+#include <functional>
 #include <objsafe.h>
 #include <ocidl.h>
 #include <oleauto.h>
@@ -114,44 +115,33 @@ TEST_SUITE("the control through IDispatch")
         CHECK(Property(second.Get(), true) == L"");
     }
 
-    TEST_CASE("unsited: every question false with S_OK, a reason logged, two E_NOTIMPL; a null output pointer E_FAIL")
+    TEST_CASE("unsited: every question false with S_OK, two E_NOTIMPL; a null output pointer E_FAIL with NULL_POINTER_ERROR")
     {
         ComApartment com;
         ComPtr<ITarnSM> control = CreateControl();
         REQUIRE(control);
-        const size_t before = CountRingMessages("IsSiteTrusted: Not implemented.");
-        const TarnBase::UniqueBstr siteName(::SysAllocString(L"example.com"));
-        BSTR site = siteName.Get();
-        const std::pair<HRESULT, HRESULT (*)(ITarnSM*, BSTR, VARIANT_BOOL*)> calls[] = {
-            {S_OK, [](ITarnSM* c, BSTR, VARIANT_BOOL* a) { return c->IsCurrentSiteAvailable(a); }},
-            {S_OK, [](ITarnSM* c, BSTR, VARIANT_BOOL* a) { return c->IsCurrentSiteLocal(a); }},
-            {S_OK, [](ITarnSM* c, BSTR, VARIANT_BOOL* a) { return c->IsCurrentSiteTrusted(a); }},
-            {S_OK, [](ITarnSM* c, BSTR, VARIANT_BOOL* a) { return c->IsCurrentContainerTrusted(nullptr, a); }},
-            {E_NOTIMPL, [](ITarnSM* c, BSTR s, VARIANT_BOOL* a) { return c->IsSiteTrusted(s, a); }},
-            {E_NOTIMPL, [](ITarnSM* c, BSTR s, VARIANT_BOOL* a) { return c->IsContainerTrusted(s, s, a); }},
+        const size_t notImplemented = CountRingMessages("IsSiteTrusted: Not implemented.");
+        BSTR text = nullptr;
+        // {member, its result with an output pointer, the call with `answer` as the output (getters: `text`)}
+        const std::tuple<const char*, HRESULT, std::function<HRESULT(VARIANT_BOOL*)>> calls[] = {
+            {"get_TrustedSiteDataFileURL", S_OK, [&](VARIANT_BOOL* a) { return control->get_TrustedSiteDataFileURL(a ? &text : nullptr); }},
+            {"get_VendorID", S_OK, [&](VARIANT_BOOL* a) { return control->get_VendorID(a ? &text : nullptr); }},
+            {"IsCurrentSiteAvailable", S_OK, [&](VARIANT_BOOL* a) { return control->IsCurrentSiteAvailable(a); }},
+            {"IsCurrentSiteLocal", S_OK, [&](VARIANT_BOOL* a) { return control->IsCurrentSiteLocal(a); }},
+            {"IsCurrentSiteTrusted", S_OK, [&](VARIANT_BOOL* a) { return control->IsCurrentSiteTrusted(a); }},
+            {"IsCurrentContainerTrusted", S_OK, [&](VARIANT_BOOL* a) { return control->IsCurrentContainerTrusted(nullptr, a); }},
+            {"IsSiteTrusted", E_NOTIMPL, [&](VARIANT_BOOL* a) { return control->IsSiteTrusted(nullptr, a); }},
+            {"IsContainerTrusted", E_NOTIMPL, [&](VARIANT_BOOL* a) { return control->IsContainerTrusted(nullptr, nullptr, a); }},
         };
         for (const auto& call : calls) {
+            const std::string member = std::get<0>(call), record = member + "():  Error - Invalid Return Parameter.";
+            CAPTURE(member);
             VARIANT_BOOL answer = VARIANT_TRUE;
-            CHECK(call.second(control.Get(), site, &answer) == call.first);
-            CHECK(answer == VARIANT_FALSE);
-        }
-        CHECK(CountRingMessages("IsSiteTrusted: Not implemented.") == before + 2);  // why, for unsited: SiteDiscovery
-        // A null output pointer gives E_FAIL, NULL_POINTER_ERROR and its record.
-        const std::pair<const char*, HRESULT (*)(ITarnSM*)> cases[] = {
-            {"get_TrustedSiteDataFileURL", [](ITarnSM* c) { return c->get_TrustedSiteDataFileURL(nullptr); }},
-            {"get_VendorID", [](ITarnSM* c) { return c->get_VendorID(nullptr); }},
-            {"IsCurrentSiteAvailable", [](ITarnSM* c) { return c->IsCurrentSiteAvailable(nullptr); }},
-            {"IsCurrentSiteLocal", [](ITarnSM* c) { return c->IsCurrentSiteLocal(nullptr); }},
-            {"IsCurrentSiteTrusted", [](ITarnSM* c) { return c->IsCurrentSiteTrusted(nullptr); }},
-            {"IsCurrentContainerTrusted", [](ITarnSM* c) { return c->IsCurrentContainerTrusted(nullptr, nullptr); }},
-            {"IsSiteTrusted", [](ITarnSM* c) { return c->IsSiteTrusted(nullptr, nullptr); }},
-            {"IsContainerTrusted", [](ITarnSM* c) { return c->IsContainerTrusted(nullptr, nullptr, nullptr); }},
-        };
-        for (const auto& c : cases) {
-            CAPTURE(c.first);
-            const std::string record = std::string(c.first) + "():  Error - Invalid Return Parameter.";
+            CHECK(std::get<2>(call)(&answer) == std::get<1>(call));
+            CHECK((answer == VARIANT_FALSE || member.compare(0, 4, "get_") == 0));
+            Take(text), text = nullptr;
             const size_t before = CountRingMessages(record);
-            CHECK(c.second(control.Get()) == E_FAIL);
+            CHECK(std::get<2>(call)(nullptr) == E_FAIL);
             ComPtr<IErrorInfo> error;
             REQUIRE(::GetErrorInfo(0, &error) == S_OK);
             BSTR description = nullptr, source = nullptr;
@@ -160,6 +150,7 @@ TEST_SUITE("the control through IDispatch")
             CHECK(Take(description) + L"|" + Take(source) == L"NULL_POINTER_ERROR|TarnSM.TarnSM.1");
             CHECK(CountRingMessages(record) == before + 1);
         }
+        CHECK(CountRingMessages("IsSiteTrusted: Not implemented.") == notImplemented + 2);  // why, for unsited: SiteDiscovery
     }
 }
 
@@ -222,8 +213,6 @@ TEST_SUITE("the control's standard interfaces")
         REQUIRE(control);
         ComPtr<IPersistPropertyBag> persist;
         REQUIRE(SUCCEEDED(control.As(&persist)));
-        CLSID clsid{};
-        CHECK((persist->GetClassID(&clsid) == S_OK && ::IsEqualCLSID(clsid, TarnSMX::kClsidTarnSM)));
         auto bag = TarnBase::MakeCom<TarnHost::PropertyBag>();
         bag->Set(L"VendorID", L"param-vendor");
         CHECK(persist->InitNew() == S_OK);
@@ -236,8 +225,7 @@ TEST_SUITE("the control's standard interfaces")
         CHECK(Property(control.Get(), false) == L"https://cdn.example/t.dll");
         auto saved = TarnBase::MakeCom<TarnHost::PropertyBag>();
         CHECK(persist->Save(saved.Get(), TRUE, TRUE) == S_OK);
-        REQUIRE(saved->Find(L"TrustedSiteDataFileURL"));
-        REQUIRE(saved->Find(L"VendorID"));
+        REQUIRE((saved->Find(L"TrustedSiteDataFileURL") && saved->Find(L"VendorID")));
         CHECK(*saved->Find(L"TrustedSiteDataFileURL") + L"|" + *saved->Find(L"VendorID") == L"https://cdn.example/t.dll|v2");
         other->put_VendorID(nullptr);
     }
