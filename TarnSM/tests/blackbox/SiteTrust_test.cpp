@@ -83,89 +83,59 @@ TEST_CASE_FIXTURE(Pages, "fault matrix: every fault answers false twice, names i
     }
 }
 
-TEST_CASE_FIXTURE(Pages, "domains under the default signers: listed, denied (asked twice, so from the cache too), unlisted, lists read whole")
+// Validly signed files, each page asking twice (or two controls once each): the domain rules
+// that need the DLL (the full table is in SiteList_test), the signer lists, and the cache.
+TEST_CASE_FIXTURE(Pages, "signed files: domains, denials from the cache, lists read whole, signer choice and look-alikes, one download per file")
 {
-    // {page, data file -> answers; a record, and how often the two questions logged it (0: at all)}
-    struct Row { const char* page; const char* file; const char* answers; const char* record = nullptr; size_t count = 0; };
-    const char* denied = "GetTrust: Current site found on denied list. Current site is not trusted.";
-    const Row rows[] = {
-        {"http://example.com/p.html", "/good.dll", "true\ntrue\n"},
-        {"http://shop.example.com/p.html", "/good.dll", "true\ntrue\n",
-         "GetTrust: Current site found on trust list. Current site is trusted."},
-        {"http://bad.example.com/p.html", "/good.dll", "false\nfalse\n", denied, 2},  // denied wins, also from the cache
-        {"https://secure.example.com/p.html", "/good.dll", "true\ntrue\n"},          // https pages read their own list
-        {"HTTPS://secure.example.com/p.html", "/good.dll", "true\ntrue\n"},          // scheme in capitals
-        {"http://Example.com/p.html", "/good.dll", "false\nfalse\n"},                // case matters in domains
-        // A list of over 30,000 characters: its very last entry, and a denial on its last line.
-        {"http://near-end.example.com/p.html", "/fault/huge.dll", "true\ntrue\n"},
-        {"http://deny.s00000.fault.example/p.html", "/fault/huge.dll", "false\nfalse\n", denied},
-        {"http://shop.example.com/p.html", "/fault/signers.dll", "true\ntrue\n"},    // 5,000 site signers
-    };
-    for (const Row& row : rows) {
-        CAPTURE(std::string(row.page) + row.file);
-        REQUIRE(server.ResetCounts());
-        const PageRun run = pages.Run(Page(row.page, {"TrustedSiteDataFileURL=" + server.Url(row.file)}), AskSiteScript(2));
-        CHECK(run.out == row.answers);
-        CHECK(run.Logged(kVerified));
-        CHECK(run.leftDownloads.empty());  // a file that was read is removed
-        CHECK(server.RequestCount(row.file) == 1);  // a list that trusts anyone is kept, also for a "false"
-        if (row.record)
-            CHECK((row.count ? run.Count(row.record) == row.count : run.Logged(row.record)));
-    }
-}
-
-TEST_CASE_FIXTURE(Pages, "signer choice: defaults, a vendor's own list, the fallbacks, and signers that only look like trusted ones")
-{
+    const std::string shop = "http://shop.example.com/p.html", good = "TrustedSiteDataFileURL=" + server.Url("/good.dll");
+    auto file = [&](const char* path) { return "TrustedSiteDataFileURL=" + server.Url(path); };
     VendorKey wrongUsage(Unique("WrongUsageVendor")), bare(Unique("NoSignersVendor")), odd(Unique("OddSigners"));
     wrongUsage.AddSigners({L"WrongUsage"});
     // Names at the registry's length limit, odd punctuation, and a look-alike of PlainSigner.
     odd.AddSigners({std::wstring(255, L'x'), L"Plain Signer;|*?\"<>,=+#", L"\xFF30lainSigner"});
-    struct Row { const char* file; std::string vendor; const char* answer; const char* message; };
+    const char* denied = "GetTrust: Current site found on denied list. Current site is not trusted.";
+    const std::string t2 = "true\ntrue\n", f2 = "false\nfalse\n";
+    // {page, parameters -> answers, a record and how often it was logged (0: at all); the file,
+    // how often it was fetched (a file that fails is fetched again); the page's controls}
+    struct Row { std::string page; std::vector<std::string> params; std::string answers; const char* record = kVerified;
+                 size_t count = 0; const char* path = "/good.dll"; long fetched = 1; int controls = 1; };
     const Row rows[] = {
-        {"/org.dll", "", "true\n", kVerified},  // "Org, Inc.": a default signer with a quoted comma
-        {"/wrongusage.dll", wrongUsage.Name(), "true\n", kVerified},
-        {"/good.dll", wrongUsage.Name(), "false\n", kVerifyFailed},  // the vendor's list replaces the defaults
-        {"/good.dll", odd.Name(), "false\n", kVerifyFailed},
-        {"/good.dll", bare.Name(), "true\n",
-         "LoadVendorTrustedSigners: Failed to open our vendor specific config key. lResult = "},
-        {"/good.dll", "NoSuchVendor", "true\n",
+        {"http://example.com/p.html", {good}, t2},
+        {shop, {good}, t2, "GetTrust: Current site found on trust list. Current site is trusted."},
+        {"http://bad.example.com/p.html", {good}, f2, denied, 2},   // denied wins, also from the cache
+        {"https://secure.example.com/p.html", {good}, t2},         // https pages read their own list
+        {"HTTPS://secure.example.com/p.html", {good}, t2},         // scheme in capitals
+        {"http://Example.com/p.html", {good}, f2},                 // case matters in domains
+        // A list of over 30,000 characters: its very last entry, and a denial on its last line.
+        {"http://near-end.example.com/p.html", {file("/fault/huge.dll")}, t2, kVerified, 0, "/fault/huge.dll"},
+        {"http://deny.s00000.fault.example/p.html", {file("/fault/huge.dll")}, f2, denied, 0, "/fault/huge.dll"},
+        {shop, {file("/fault/signers.dll")}, t2, kVerified, 0, "/fault/signers.dll"},  // 5,000 site signers
+        {shop, {file("/org.dll")}, t2, kVerified, 0, "/org.dll"},  // "Org, Inc.": a default signer with a quoted comma
+        {shop, {file("/wrongusage.dll"), "VendorID=" + wrongUsage.Name()}, t2, kVerified, 0, "/wrongusage.dll"},
+        {shop, {good, "VendorID=" + wrongUsage.Name()}, f2, kVerifyFailed, 0, "/good.dll", 2},  // the vendor's list replaces the defaults
+        {shop, {good, "VendorID=" + odd.Name()}, f2, kVerifyFailed, 0, "/good.dll", 2},
+        {shop, {good, "VendorID=" + bare.Name()}, t2, "LoadVendorTrustedSigners: Failed to open our vendor specific config key. lResult = "},
+        {shop, {good, "VendorID=NoSuchVendor"}, t2,
          "IsCurrentSiteTrustedInternal: Invalid VendorID parameter provided. Failling back to defaults. VendorID: NoSuchVendor."},
         // Certificates named U+FF30 "lainSigner", and "2.5.4.3=PlainSigner" inside a quoted OU value.
-        {"/lookalike.dll", "", "false\n", "VerifyAuthenticodeSignatureAndTrustedSigner (list) - Signer common name in "},
-        {"/forged.dll", "", "false\n", kVerifyFailed},
-    };
-    for (const Row& row : rows) {
-        CAPTURE(row.file);
-        std::vector<std::string> params = {"TrustedSiteDataFileURL=" + server.Url(row.file)};
-        if (!row.vendor.empty())
-            params.push_back("VendorID=" + row.vendor);
-        const PageRun run = pages.Run(Page("http://shop.example.com/p.html", params), AskSiteScript(1));
-        CHECK(run.out == row.answer);
-        CHECK(run.Logged(row.message));
-    }
-}
-
-TEST_CASE_FIXTURE(Pages, "the cache: one download per data file, shared by the page's controls; a list trusting nobody is fetched again")
-{
-    const std::string shop = "http://shop.example.com/p.html", good = "TrustedSiteDataFileURL=" + server.Url("/good.dll");
-    // {page, parameters, controls (one control is asked twice, two once each) -> answers, the
-    // file and how often it was fetched, a record}
-    struct Row { std::string page; std::vector<std::string> params; int controls; const char* answers; const char* file; long fetched; const char* record; };
-    const Row rows[] = {
-        {server.Url("/shop/page.html"), {}, 1, "true\ntrue\n", "/shop/trust.dll", 1, kVerified},  // the default, beside the page
-        {shop, {"1:" + good}, 2, "true\ntrue\n", "/good.dll", 1, kVerified},  // the second control borrows the name
-        {shop, {"TrustedSiteDataFileURL=" + server.Url("/emptytrust.dll")}, 1, "false\nfalse\n", "/emptytrust.dll", 2,
-         "IsCurrentSiteTrustedInternal: No sites are trusted. Current site is NOT TRUSTED."},
+        {shop, {file("/lookalike.dll")}, f2, "VerifyAuthenticodeSignatureAndTrustedSigner (list) - Signer common name in ", 0, "/lookalike.dll", 2},
+        {shop, {file("/forged.dll")}, f2, kVerifyFailed, 0, "/forged.dll", 2},
+        {server.Url("/shop/page.html"), {}, t2, kVerified, 0, "/shop/trust.dll"},  // the default name, beside the page
+        {shop, {"1:" + good}, t2, kVerified, 0, "/good.dll", 1, 2},  // the second control borrows the name
+        {shop, {file("/emptytrust.dll")}, f2, "IsCurrentSiteTrustedInternal: No sites are trusted. Current site is NOT TRUSTED.", 0,
+         "/emptytrust.dll", 2},  // a list trusting nobody is not kept
         // URLs differing only in letter case share one entry: GOOD.DLL is never fetched (checked last).
-        {shop, {"1:" + good, "2:TrustedSiteDataFileURL=" + server.Url("/GOOD.DLL")}, 2, "true\ntrue\n", "/good.dll", 1, kVerified},
+        {shop, {"1:" + good, "2:" + file("/GOOD.DLL")}, t2, kVerified, 0, "/good.dll", 1, 2},
     };
     for (const Row& row : rows) {
-        CAPTURE(row.file);
+        CAPTURE(row.page + " " + (row.params.empty() ? "" : row.params.back()));
         REQUIRE(server.ResetCounts());
         const PageRun run = pages.Run(Page(row.page, row.params, row.controls), AskSiteScript(3 - row.controls, row.controls));
         CHECK(run.out == row.answers);
-        CHECK(run.Logged(row.record));
-        CHECK(server.RequestCount(row.file) == row.fetched);
+        CHECK((row.count ? run.Count(row.record) == row.count : run.Logged(row.record)));
+        CHECK(server.RequestCount(row.path) == row.fetched);
+        if (row.fetched == 1)
+            CHECK(run.leftDownloads.empty());  // a file that was read is removed
     }
     CHECK(server.RequestCount("/GOOD.DLL") == 0);
 }
