@@ -34,14 +34,8 @@ TEST_CASE("container names table: built-in list, case, the browser, zones, vendo
         {L"IEXPLORE.EXE", kLocal, Vendor::None, {}, "false\n"},
         {L"mshta.exe.exe", kLocal, Vendor::None, {}, "false\n"},
         {L"xmshta.exe", L"", Vendor::None, {}, "false\n"},
-        {L"mshta.exe", kRemote, Vendor::None, {}, "false\n", {},
-         "IsCurrentContainerTrustedInternal: Current site is available and is remote. Container trust is not supported in this scenario."},
         {L"myhost.exe", kRemote, Vendor::None, {kMyHost}, "false\n"},
-        {L"mshta.exe", kRemote, Vendor::None, {}, "false\n", {L"--zone", L"127.0.0.1=1"}},
-        {L"mshta.exe", kRemote, Vendor::None, {}, "false\n", {L"--zone", L"127.0.0.1=2"}},
-        {L"mshta.exe", kRemote, Vendor::None, {}, "true\n", {L"--zone", L"127.0.0.1=0"}},
-        {L"mshta.exe", kRemote, Vendor::None, {}, "true\n", {L"--site-mode", L"location-fails"}},
-        {L"mshta.exe", kRemote, Vendor::None, {}, "true\n", {L"--site-mode", L"no-service-provider"}},
+        {L"mshta.exe", kRemote, Vendor::None, {}, "false\n", {L"--zone", L"127.0.0.1=1"}},  // more zones: SiteDiscovery_test
         {L"myhost.exe", kLocal, Vendor::Lists, {}, "true\n"},
         {L"MYHOST.EXE", L"", Vendor::Lists, {}, "true\n"},
         {L"mshta.exe", kLocal, Vendor::Lists, {L"", L"bXNodGEuZXhl"}, "false\ntrue\n"},
@@ -57,9 +51,6 @@ TEST_CASE("container names table: built-in list, case, the browser, zones, vendo
         // How a list's tokens read is in AltTrustList_test; here, that the page's list is used.
         {L"myhost.exe", kLocal, Vendor::None, {kMyHost, L"b3RoZXIuZXhl", L"!!!!;;;"}, "true\nfalse\nfalse\n"},
         {L"iexplore.exe", kLocal, Vendor::None, {L"SUVYUExPUkUuRVhF"}, "false\n"},  // never the browser
-        // A remote page whose URL has no ANSI form is still a remote page.
-        {L"mshta.exe", L"http://127.0.0.1/\x0436/page.html", Vendor::None, {}, "false\n", {},
-         "IsCurrentContainerTrustedInternal: Current site's URL or security zone cannot be read. Container trust cannot be determined."},
         // A name without an exact ANSI form matches nothing, but the vendor's list still replaces the built-in one.
         {L"mshta.exe", L"", Vendor::InexactOnly, {}, "false\n"},
     };
