@@ -51,7 +51,7 @@ struct CountedSite : IUnknown {
 
 } // namespace
 
-TEST_SUITE("the control through IDispatch")
+TEST_SUITE("the control through IDispatch and its standard interfaces")
 {
     TEST_CASE("both ProgIDs create the control; names map to the fixed ids; the type library has the exact names")
     {
@@ -95,7 +95,7 @@ TEST_SUITE("the control through IDispatch")
         CHECK(Take(names[0]) + L"|" + Take(names[1]) + L"|" + Take(names[2]) == L"IsContainerTrusted|AltTrustList|Container");
     }
 
-    TEST_CASE("properties round-trip (null, empty, embedded zero); VendorID is one value for the process")
+    TEST_CASE("properties round-trip (null, empty, embedded zero); VendorID is one value for the process; page parameters are assignments")
     {
         ComApartment com;
         ComPtr<ITarnSM> control = CreateControl();
@@ -113,6 +113,25 @@ TEST_SUITE("the control through IDispatch")
         CHECK(Property(control.Get(), true) == L"acme");
         CHECK(control->put_VendorID(nullptr) == S_OK);  // null clears it for everyone
         CHECK(Property(second.Get(), true) == L"");
+
+        // Page parameters act as scripted assignments.
+        ComPtr<IPersistPropertyBag> persist;
+        REQUIRE(SUCCEEDED(control.As(&persist)));
+        auto bag = TarnBase::MakeCom<TarnHost::PropertyBag>();
+        bag->Set(L"VendorID", L"param-vendor");
+        CHECK(persist->InitNew() == S_OK);
+        CHECK(persist->Load(bag.Get(), nullptr) == S_OK);
+        CHECK(Property(second.Get(), true) == L"param-vendor");  // process-wide, like an assignment
+        CHECK(Property(control.Get(), false) == std::wstring(L"a\0b", 3));  // a parameter the page did not give is left alone
+        bag->Set(L"VendorID", L"v2");
+        bag->Set(L"TrustedSiteDataFileURL", L"https://cdn.example/t.dll");
+        CHECK(persist->Load(bag.Get(), nullptr) == S_OK);
+        CHECK(Property(control.Get(), false) == L"https://cdn.example/t.dll");
+        auto saved = TarnBase::MakeCom<TarnHost::PropertyBag>();
+        CHECK(persist->Save(saved.Get(), TRUE, TRUE) == S_OK);
+        REQUIRE((saved->Find(L"TrustedSiteDataFileURL") && saved->Find(L"VendorID")));
+        CHECK(*saved->Find(L"TrustedSiteDataFileURL") + L"|" + *saved->Find(L"VendorID") == L"https://cdn.example/t.dll|v2");
+        second->put_VendorID(nullptr);
     }
 
     TEST_CASE("unsited: every question false with S_OK, two E_NOTIMPL; a null output pointer E_FAIL with NULL_POINTER_ERROR")
@@ -152,10 +171,7 @@ TEST_SUITE("the control through IDispatch")
         }
         CHECK(CountRingMessages("IsSiteTrusted: Not implemented.") == notImplemented + 2);  // why, for unsited: SiteDiscovery
     }
-}
 
-TEST_SUITE("the control's standard interfaces")
-{
     TEST_CASE("IObjectSafety: safe for untrusted callers and data; ISupportErrorInfo: ITarnSM only; IObjectWithSite: one reference")
     {
         ComApartment com;
@@ -203,31 +219,6 @@ TEST_SUITE("the control's standard interfaces")
         CHECK(withSite->GetSite(IID_IDispatch, &out) == E_NOINTERFACE);
         CHECK(withSite->SetSite(nullptr) == S_OK);
         CHECK(site.references == 1);
-    }
-
-    TEST_CASE("page parameters act as scripted assignments")
-    {
-        ComApartment com;
-        ComPtr<ITarnSM> control = CreateControl();
-        ComPtr<ITarnSM> other = CreateControl();
-        REQUIRE(control);
-        ComPtr<IPersistPropertyBag> persist;
-        REQUIRE(SUCCEEDED(control.As(&persist)));
-        auto bag = TarnBase::MakeCom<TarnHost::PropertyBag>();
-        bag->Set(L"VendorID", L"param-vendor");
-        CHECK(persist->InitNew() == S_OK);
-        CHECK(persist->Load(bag.Get(), nullptr) == S_OK);
-        CHECK(Property(other.Get(), true) == L"param-vendor");  // process-wide, like an assignment
-        CHECK(Property(control.Get(), false) == L"<null>");     // a parameter the page did not give is left alone
-        bag->Set(L"VendorID", L"v2");
-        bag->Set(L"TrustedSiteDataFileURL", L"https://cdn.example/t.dll");
-        CHECK(persist->Load(bag.Get(), nullptr) == S_OK);
-        CHECK(Property(control.Get(), false) == L"https://cdn.example/t.dll");
-        auto saved = TarnBase::MakeCom<TarnHost::PropertyBag>();
-        CHECK(persist->Save(saved.Get(), TRUE, TRUE) == S_OK);
-        REQUIRE((saved->Find(L"TrustedSiteDataFileURL") && saved->Find(L"VendorID")));
-        CHECK(*saved->Find(L"TrustedSiteDataFileURL") + L"|" + *saved->Find(L"VendorID") == L"https://cdn.example/t.dll|v2");
-        other->put_VendorID(nullptr);
     }
 
     TEST_CASE("DllCanUnloadNow counts live objects, factories and server locks")
