@@ -37,105 +37,86 @@ std::vector<std::wstring> PageAt(const std::wstring& url, const std::string& dat
 
 } // namespace
 
-TEST_CASE_FIXTURE(Pages, "fault matrix: every fault answers false twice, names its step, is never cached and keeps its download")
+// Each page asks twice (or two controls once each). The fault matrix: every fault answers
+// false twice, names its step, is never cached and keeps its download. Then validly signed
+// files: the domain rules that need the DLL (the full table is in SiteList_test), lists read
+// whole, the signer lists, and one download per file.
+TEST_CASE_FIXTURE(Pages, "data files: the fault matrix, domains, denials from the cache, lists read whole, signer choice and look-alikes, the cache")
 {
     const std::string page = "http://shop.example.com/page.html";
-    VendorKey orgOnly(Unique("OrgOnlyVendor"));
+    VendorKey orgOnly(Unique("OrgOnlyVendor")), wrongUsage(Unique("WrongUsageVendor")), bare(Unique("NoSignersVendor")),
+        odd(Unique("OddSigners"));
     orgOnly.AddSigners({L"Org, Inc."});
-    // {what, path as requested from the server, query, page URL, VendorID -> records}
-    struct Row { const char* what; std::string path, query, pageUrl, vendor; std::vector<std::string> messages; };
-    const std::vector<Row> rows = {
-        {"unsigned", "/unsigned.dll", "", page, "", {kVerifyFailed}},
-        {"tampered after signing", "/tampered.dll", "", page, "", {kVerifyFailed}},
-        {"untrusted root", "/rogue.dll", "", page, "", {kVerifyFailed}},
-        {"expired leaf", "/expired.dll", "", page, "", {kVerifyFailed}},
-        {"signer not on the list", "/wrongusage.dll", "", page, "", {kVerifyFailed}},
-        {"signer differing only in case", "/lowercase.dll", "", page, "", {kVerifyFailed}},
-        {"second certificate entry never examined", "/twocerts.dll", "", page, "", {kVerifyFailed}},
-        {"vendor list excludes the signer", "/good.dll", "", page, orgOnly.Name(), {kVerifyFailed}},
-        {"not a PE file", "/notpe.dll", "", page, "", {kVerifyFailed}},
-        {"certificate table claiming thousands of entries", "/fault/certcount.dll", "", page, "", {kVerifyFailed}},
-        {"404", "/__status=404/good.dll", "", page, "",
-         {"DownloadFile: Failed to download file. HTTP Status Code: 404.",
-          "IsCurrentSiteTrustedInternal: Failed to download Trusted Site Data File."}},
-        {"truncated body", "/__truncate=1500/good.dll", "", page, "", {kVerifyFailed}},
-        {"URL not ending in dll", "/good.dll", "?v=1", page, "",
-         {"ReadTrustDataFile: Unsupported file type. File: ", kReadFailed}},
-        {"unsupported scheme", "/good.dll", "", "ftp://ftp.example.com/page.html", "",
-         {"ReadTrustDataDLL: Current site's scheme is unsupported. Scheme: 3.", kReadFailed}},
-        {"missing string for the page's scheme", "/nohttps.dll", "", "https://secure.example.com/page.html", "",
-         {"ReadTrustDataDLL: Failed to load HTTPS URL Trusted Site list from data file.", kReadFailed}},
-    };
-    for (const Row& row : rows) {
-        CAPTURE(std::string(row.what));
-        REQUIRE(server.ResetCounts());
-        std::vector<std::string> params = {"TrustedSiteDataFileURL=" + server.Url(row.path + row.query)};
-        if (!row.vendor.empty())
-            params.push_back("VendorID=" + row.vendor);
-        const ULONGLONG start = ::GetTickCount64();
-        const PageRun run = pages.Run(Page(row.pageUrl, params), AskSiteScript(2));
-        CHECK(::GetTickCount64() - start < 10000);  // a crafted certificate table cannot hold the host
-        CHECK(run.out == "false\nfalse\n");
-        for (const auto& message : row.messages)
-            CHECK_MESSAGE(run.Logged(message), message);
-        CHECK(server.RequestCount(row.path) == 2);  // nothing cached: asked again, fetched again
-        CHECK(run.leftDownloads.size() == 2);       // kept where it was, for inspection
-    }
-}
-
-// Validly signed files, each page asking twice (or two controls once each): the domain rules
-// that need the DLL (the full table is in SiteList_test), the signer lists, and the cache.
-TEST_CASE_FIXTURE(Pages, "signed files: domains, denials from the cache, lists read whole, signer choice and look-alikes, one download per file")
-{
-    const std::string shop = "http://shop.example.com/p.html", good = "TrustedSiteDataFileURL=" + server.Url("/good.dll");
-    auto file = [&](const char* path) { return "TrustedSiteDataFileURL=" + server.Url(path); };
-    VendorKey wrongUsage(Unique("WrongUsageVendor")), bare(Unique("NoSignersVendor")), odd(Unique("OddSigners"));
     wrongUsage.AddSigners({L"WrongUsage"});
     // Names at the registry's length limit, odd punctuation, and a look-alike of PlainSigner.
     odd.AddSigners({std::wstring(255, L'x'), L"Plain Signer;|*?\"<>,=+#", L"\xFF30lainSigner"});
     const char* denied = "GetTrust: Current site found on denied list. Current site is not trusted.";
+    const char* noSites = "IsCurrentSiteTrustedInternal: No sites are trusted. Current site is NOT TRUSTED.";
     const std::string t2 = "true\ntrue\n", f2 = "false\nfalse\n";
-    // {page, parameters -> answers, a record and how often it was logged (0: at all); the file,
-    // how often it was fetched (a file that fails is fetched again); the page's controls}
-    struct Row { std::string page; std::vector<std::string> params; std::string answers; const char* record = kVerified;
-                 size_t count = 0; const char* path = "/good.dll"; long fetched = 1; int controls = 1; };
+    // {page, data file (given as the property unless `given` is false), more parameters ->
+    // answers, records (the first logged `count` times, 0: at all), fetches of the file; controls}
+    struct Row { std::string page; std::string path; std::vector<std::string> more; std::string answers;
+                 std::vector<std::string> records = {kVerified}; size_t count = 0; long fetched = 1; int controls = 1; bool given = true; };
     const Row rows[] = {
-        {"http://example.com/p.html", {good}, t2},
-        {shop, {good}, t2, "GetTrust: Current site found on trust list. Current site is trusted."},
-        {"http://bad.example.com/p.html", {good}, f2, denied, 2},   // denied wins, also from the cache
-        {"https://secure.example.com/p.html", {good}, t2},         // https pages read their own list
-        {"HTTPS://secure.example.com/p.html", {good}, t2},         // scheme in capitals
-        {"http://Example.com/p.html", {good}, f2},                 // case matters in domains
+        {page, "/unsigned.dll", {}, f2, {kVerifyFailed}, 0, 2},
+        {page, "/tampered.dll", {}, f2, {kVerifyFailed}, 0, 2},
+        {page, "/rogue.dll", {}, f2, {kVerifyFailed}, 0, 2},       // untrusted root
+        {page, "/expired.dll", {}, f2, {kVerifyFailed}, 0, 2},
+        {page, "/wrongusage.dll", {}, f2, {kVerifyFailed}, 0, 2},  // signer not on the list
+        {page, "/lowercase.dll", {}, f2, {kVerifyFailed}, 0, 2},   // signer differing only in case
+        {page, "/twocerts.dll", {}, f2, {kVerifyFailed}, 0, 2},    // a second certificate entry is never examined
+        {page, "/good.dll", {"VendorID=" + orgOnly.Name()}, f2, {kVerifyFailed}, 0, 2},  // the vendor's list excludes the signer
+        {page, "/notpe.dll", {}, f2, {kVerifyFailed}, 0, 2},
+        {page, "/fault/certcount.dll", {}, f2, {kVerifyFailed}, 0, 2},  // a certificate table claiming thousands of entries
+        {page, "/__status=404/good.dll", {}, f2,
+         {"DownloadFile: Failed to download file. HTTP Status Code: 404.", "IsCurrentSiteTrustedInternal: Failed to download Trusted Site Data File."}, 0, 2},
+        {page, "/__truncate=1500/good.dll", {}, f2, {kVerifyFailed}, 0, 2},
+        {page, "/good.dll?v=1", {}, f2, {"ReadTrustDataFile: Unsupported file type. File: ", kReadFailed}, 0, 2},
+        {"ftp://ftp.example.com/page.html", "/good.dll", {}, f2,
+         {"ReadTrustDataDLL: Current site's scheme is unsupported. Scheme: 3.", kReadFailed}, 0, 2},
+        {"https://secure.example.com/page.html", "/nohttps.dll", {}, f2,
+         {"ReadTrustDataDLL: Failed to load HTTPS URL Trusted Site list from data file.", kReadFailed}, 0, 2},
+        {"http://example.com/p.html", "/good.dll", {}, t2},
+        {page, "/good.dll", {}, t2, {"GetTrust: Current site found on trust list. Current site is trusted."}},
+        {"http://bad.example.com/p.html", "/good.dll", {}, f2, {denied}, 2},  // denied wins, also from the cache
+        {"https://secure.example.com/p.html", "/good.dll", {}, t2},          // https pages read their own list
+        {"HTTPS://secure.example.com/p.html", "/good.dll", {}, t2},          // scheme in capitals
+        {"http://Example.com/p.html", "/good.dll", {}, f2},                  // case matters in domains
         // A list of over 30,000 characters: its very last entry, and a denial on its last line.
-        {"http://near-end.example.com/p.html", {file("/fault/huge.dll")}, t2, kVerified, 0, "/fault/huge.dll"},
-        {"http://deny.s00000.fault.example/p.html", {file("/fault/huge.dll")}, f2, denied, 0, "/fault/huge.dll"},
-        {shop, {file("/fault/signers.dll")}, t2, kVerified, 0, "/fault/signers.dll"},  // 5,000 site signers
-        {shop, {file("/org.dll")}, t2, kVerified, 0, "/org.dll"},  // "Org, Inc.": a default signer with a quoted comma
-        {shop, {file("/wrongusage.dll"), "VendorID=" + wrongUsage.Name()}, t2, kVerified, 0, "/wrongusage.dll"},
-        {shop, {good, "VendorID=" + wrongUsage.Name()}, f2, kVerifyFailed, 0, "/good.dll", 2},  // the vendor's list replaces the defaults
-        {shop, {good, "VendorID=" + odd.Name()}, f2, kVerifyFailed, 0, "/good.dll", 2},
-        {shop, {good, "VendorID=" + bare.Name()}, t2, "LoadVendorTrustedSigners: Failed to open our vendor specific config key. lResult = "},
-        {shop, {good, "VendorID=NoSuchVendor"}, t2,
-         "IsCurrentSiteTrustedInternal: Invalid VendorID parameter provided. Failling back to defaults. VendorID: NoSuchVendor."},
+        {"http://near-end.example.com/p.html", "/fault/huge.dll", {}, t2},
+        {"http://deny.s00000.fault.example/p.html", "/fault/huge.dll", {}, f2, {denied}},
+        {page, "/fault/signers.dll", {}, t2},  // 5,000 site signers
+        {page, "/org.dll", {}, t2},            // "Org, Inc.": a default signer with a quoted comma
+        {page, "/wrongusage.dll", {"VendorID=" + wrongUsage.Name()}, t2},
+        {page, "/good.dll", {"VendorID=" + wrongUsage.Name()}, f2, {kVerifyFailed}, 0, 2},  // the vendor's list replaces the defaults
+        {page, "/good.dll", {"VendorID=" + odd.Name()}, f2, {kVerifyFailed}, 0, 2},
+        {page, "/good.dll", {"VendorID=" + bare.Name()}, t2, {"LoadVendorTrustedSigners: Failed to open our vendor specific config key. lResult = "}},
+        {page, "/good.dll", {"VendorID=NoSuchVendor"}, t2,
+         {"IsCurrentSiteTrustedInternal: Invalid VendorID parameter provided. Failling back to defaults. VendorID: NoSuchVendor."}},
         // Certificates named U+FF30 "lainSigner", and "2.5.4.3=PlainSigner" inside a quoted OU value.
-        {shop, {file("/lookalike.dll")}, f2, "VerifyAuthenticodeSignatureAndTrustedSigner (list) - Signer common name in ", 0, "/lookalike.dll", 2},
-        {shop, {file("/forged.dll")}, f2, kVerifyFailed, 0, "/forged.dll", 2},
-        {server.Url("/shop/page.html"), {}, t2, kVerified, 0, "/shop/trust.dll"},  // the default name, beside the page
-        {shop, {"1:" + good}, t2, kVerified, 0, "/good.dll", 1, 2},  // the second control borrows the name
-        {shop, {file("/emptytrust.dll")}, f2, "IsCurrentSiteTrustedInternal: No sites are trusted. Current site is NOT TRUSTED.", 0,
-         "/emptytrust.dll", 2},  // a list trusting nobody is not kept
+        {page, "/lookalike.dll", {}, f2, {"VerifyAuthenticodeSignatureAndTrustedSigner (list) - Signer common name in "}, 0, 2},
+        {page, "/forged.dll", {}, f2, {kVerifyFailed}, 0, 2},
+        {server.Url("/shop/page.html"), "/shop/trust.dll", {}, t2, {kVerified}, 0, 1, 1, false},  // the default name, beside the page
+        {page, "/good.dll", {}, t2, {kVerified}, 0, 1, 2},  // the second control borrows the first one's name
+        {page, "/emptytrust.dll", {}, f2, {noSites}, 0, 2},  // read, but a list trusting nobody is not kept
         // URLs differing only in letter case share one entry: GOOD.DLL is never fetched (checked last).
-        {shop, {"1:" + good, "2:" + file("/GOOD.DLL")}, t2, kVerified, 0, "/good.dll", 1, 2},
+        {page, "/good.dll", {"2:TrustedSiteDataFileURL=" + server.Url("/GOOD.DLL")}, t2, {kVerified}, 0, 1, 2},
     };
     for (const Row& row : rows) {
-        CAPTURE(row.page + " " + (row.params.empty() ? "" : row.params.back()));
+        CAPTURE(row.page + " " + row.path);
         REQUIRE(server.ResetCounts());
-        const PageRun run = pages.Run(Page(row.page, row.params, row.controls), AskSiteScript(3 - row.controls, row.controls));
+        std::vector<std::string> params = row.more;
+        if (row.given)
+            params.insert(params.begin(), (row.controls > 1 ? "1:" : "") + ("TrustedSiteDataFileURL=" + server.Url(row.path)));
+        const ULONGLONG start = ::GetTickCount64();
+        const PageRun run = pages.Run(Page(row.page, params, row.controls), AskSiteScript(3 - row.controls, row.controls));
+        CHECK(::GetTickCount64() - start < 10000);  // a crafted certificate table cannot hold the host
         CHECK(run.out == row.answers);
-        CHECK((row.count ? run.Count(row.record) == row.count : run.Logged(row.record)));
-        CHECK(server.RequestCount(row.path) == row.fetched);
-        if (row.fetched == 1)
-            CHECK(run.leftDownloads.empty());  // a file that was read is removed
+        for (size_t i = 0; i < row.records.size(); ++i)
+            CHECK_MESSAGE((i == 0 && row.count ? run.Count(row.records[i]) == row.count : run.Logged(row.records[i])), row.records[i]);
+        CHECK(server.RequestCount(row.path.substr(0, row.path.find('?'))) == row.fetched);  // a failure is fetched again
+        // A failed evaluation keeps its download, for inspection; a file that was read is removed.
+        CHECK(run.leftDownloads.size() == (row.fetched == 2 && row.records[0] != noSites ? 2u : 0u));
     }
     CHECK(server.RequestCount("/GOOD.DLL") == 0);
 }
