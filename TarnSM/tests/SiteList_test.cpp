@@ -39,35 +39,21 @@ TEST_CASE("matching one entry against a domain")
 {
     const struct { const char* entry; const char* domain; bool match; } table[] = {
         // A bare domain matches itself and whole-label subdomains only.
-        {"example.com", "example.com", true},
-        {"example.com", "shop.example.com", true},
-        {"example.com", "badexample.com", false},
-        {"example.com", "example.com.evil.net", false},
+        {"example.com", "example.com", true}, {"example.com", "shop.example.com", true},
+        {"example.com", "badexample.com", false}, {"example.com", "example.com.evil.net", false},
         {"shop.example.com", "example.com", false},
         // A wildcard matches subdomains, never the domain itself.
-        {"*.example.com", "shop.example.com", true},
-        {"*.example.com", "example.com", false},
-        {"*.example.com", "badexample.com", false},
-        {"*.c", "b.c", true},
-        {"*.c", "c", false},
+        {"*.example.com", "shop.example.com", true}, {"*.example.com", "example.com", false},
+        {"*.example.com", "badexample.com", false}, {"*.c", "b.c", true}, {"*.c", "c", false},
         // An exact entry matches the domain itself only.
-        {"=example.com", "example.com", true},
-        {"=example.com", "shop.example.com", false},
-        {"=c", "c", true},
+        {"=example.com", "example.com", true}, {"=example.com", "shop.example.com", false}, {"=c", "c", true},
         // Case-sensitive.
-        {"Example.com", "example.com", false},
-        {"*.Example.com", "shop.example.com", false},
+        {"Example.com", "example.com", false}, {"*.Example.com", "shop.example.com", false},
         // Too short to be a wildcard or exact entry: a literal bare pattern.
-        {"*.", "*.", true},
-        {"*.", "a.*.", true},
-        {"*.", "example.com", false},
-        {"*.", "example.com.", false},
-        {"=", "=", true},
-        {"=", "example.com", false},
+        {"*.", "*.", true}, {"*.", "a.*.", true}, {"*.", "example.com", false}, {"*.", "example.com.", false},
+        {"=", "=", true}, {"=", "example.com", false},
         // Longer than the domain.
-        {"example.com", "com", false},
-        {"=example.com", "e.com", false},
-        {"example.com", "", false},
+        {"example.com", "com", false}, {"=example.com", "e.com", false}, {"example.com", "", false},
     };
     for (const auto& row : table) {
         INFO(row.entry << " vs " << row.domain);

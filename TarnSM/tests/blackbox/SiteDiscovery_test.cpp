@@ -1,7 +1,8 @@
-// Site discovery seen from outside: tarnhost.exe sites the registered control on a page, the
-// page asks IsCurrentSiteAvailable and IsCurrentSiteLocal, and the control's records tell
-// which URL and zone it found. Zones come from the prefix's zone map (written per row), the
-// page's own security manager, or none.
+// Site discovery seen from outside: tarnhost.exe, as mshta.exe (a trusted container name),
+// sites the registered control on a page; the page asks IsCurrentSiteAvailable,
+// IsCurrentSiteLocal and IsCurrentContainerTrusted (refused for remote and unreadable pages),
+// and the control's records tell which URL and zone it found. Zones come from the prefix's
+// zone map (written per row), the page's own security manager, or none.
 #include "PageHost.h"
 #include "Registry.h"
 
@@ -17,14 +18,16 @@ const char kCoCreate[] =
     "HRESULT = <0x80004002>";
 const char kNoProvider[] = "GetCurrentSiteURLAndZone: Failed to QI to IServiceProvider from our site.";
 const char kScript[] = "host.Echo('available=' + TarnSM.IsCurrentSiteAvailable());\n"
-                       "host.Echo('local=' + TarnSM.IsCurrentSiteLocal());\n";
+                       "host.Echo('local=' + TarnSM.IsCurrentSiteLocal());\n"
+                       "host.Echo('container=' + TarnSM.IsCurrentContainerTrusted(''));\n";
 
 } // namespace
 
-TEST_CASE("site discovery table: URL, zone source and site mode -> available, local, and the record that says why")
+TEST_CASE("site discovery table: URL, zone source and site mode -> available, local, container trust, and the record that says why")
 {
     // {what, url (empty: no page, the control is not sited), tarnhost options, a zone map entry
-    // for http on mapHost, if any -> answers ("" when neither), the zone found (-1: none),
+    // for http on mapHost, if any -> answers (a: available, l: local, c: container trusted),
+    // the zone found (-1: none),
     // further records that must be there (by prefix)}
     struct Row { const char* what; std::wstring url; std::vector<std::wstring> options; std::string mapHost; DWORD mapZone; std::string answers; int zone; std::vector<std::string> records; };
     const std::wstring www = L"http://www.tarn-sd.example/page.html", file = L"file:///C:/pages/page.html";
@@ -34,26 +37,28 @@ TEST_CASE("site discovery table: URL, zone source and site mode -> available, lo
         {"restricted through the zone map", L"http://z4.tarn-sd.example/p.html", {}, "z4.tarn-sd.example", 4, "a", 4, {}},
         {"an https page with only an http mapping", L"https://s.tarn-sd.example/p.html", {}, "s.tarn-sd.example", 2, "a", 3, {}},
         {"unmapped http", Widen(unmapped), {}, "", 0, "a", 3,
-         {"GetCurrentSiteURLAndZone: Found current IE site URL: " + unmapped + ".",
+         {"IsCurrentContainerTrustedInternal: Current site is available and is remote. Container trust is not supported in this scenario.",
+          "GetCurrentSiteURLAndZone: Found current IE site URL: " + unmapped + ".",
           "IsCurrentSiteAvailableInternal: Found current site: " + unmapped + "."}},
-        {"a file page", file, {}, "", 0, "al", 0, {}},
-        {"the page's manager says 0", www, {L"--zone", L"www.tarn-sd.example=0"}, "", 0, "al", 0, {}},
+        {"a file page", file, {}, "", 0, "alc", 0, {}},
+        {"the page's manager says 0", www, {L"--zone", L"www.tarn-sd.example=0"}, "", 0, "alc", 0, {}},
         {"the page's manager says 2", www, {L"--zone", L"www.tarn-sd.example=2"}, "", 0, "a", 2, {}},
         {"the page's manager does not know the host", file, {L"--zone", L"other.tarn-sd.example=0"}, "", 0, "a", 3, {}},
-        {"no security manager on the page", file, {L"--no-secmgr"}, "", 0, "al", -1, {kCoCreate}},
-        {"unsited", L"", {}, "", 0, "", -1,
+        {"no security manager on the page", file, {L"--no-secmgr"}, "", 0, "alc", -1, {kCoCreate}},
+        {"unsited", L"", {}, "", 0, "c", -1,
          {kNoProvider, "IsCurrentSiteAvailableInternal: Failed to get current site URL.",
           "IsCurrentSiteLocalInternal: Failed to get current site URL and zone."}},
-        {"no service provider", www, {L"--site-mode", L"no-service-provider"}, "", 0, "", -1, {kNoProvider}},
-        {"no browser service", www, {L"--site-mode", L"no-browser"}, "", 0, "", -1,
+        {"no service provider", www, {L"--site-mode", L"no-service-provider"}, "", 0, "c", -1, {kNoProvider}},
+        {"no browser service", www, {L"--site-mode", L"no-browser"}, "", 0, "c", -1,
          {"GetCurrentSiteURLAndZone: Failed retrieve IWebBrowser2 from container. HRESULT = <0x80004002>"}},
-        {"the browser's location fails", www, {L"--site-mode", L"location-fails"}, "", 0, "", -1,
+        {"the browser's location fails", www, {L"--site-mode", L"location-fails"}, "", 0, "c", -1,
          {"GetCurrentSiteURLAndZone: Failed get location URL from IWebBrowser2. HRESULT = <0x80004005>"}},
         {"longer than the 2086-character parse buffers",
          L"http://long.tarn-sd.example/" + std::wstring(3000, L'p') + L"/page.html", {}, "", 0, "a", 3, {}},
         {"characters outside the ANSI code page: a page that is there but never local",
          L"http://www.tarn-sd.example/\u4e2d\u6587/page.html", {}, "", 0, "a", -1,
-         {"IsCurrentSiteAvailableInternal: Current site is present, but its URL or security zone cannot be read."}},
+         {"IsCurrentSiteAvailableInternal: Current site is present, but its URL or security zone cannot be read.",
+          "IsCurrentContainerTrustedInternal: Current site's URL or security zone cannot be read. Container trust cannot be determined."}},
     };
     PageHost pages;
     for (const Row& row : rows) {
@@ -66,11 +71,11 @@ TEST_CASE("site discovery table: URL, zone source and site mode -> available, lo
         std::vector<std::wstring> options = row.options;
         if (!row.url.empty())
             options.insert(options.begin(), {L"--url", row.url});
-        const PageRun run = pages.Run(options, kScript);
+        const PageRun run = pages.Run(options, kScript, {}, L"mshta.exe");
         CHECK(run.result.exitCode == 0);
+        auto has = [&](char answer) { return row.answers.find(answer) != std::string::npos ? "true" : "false"; };
         const bool available = row.answers.find('a') != std::string::npos;
-        CHECK(run.out == std::string("available=") + (available ? "true" : "false") +
-                             "\nlocal=" + (row.answers.find('l') != std::string::npos ? "true" : "false") + "\n");
+        CHECK(run.out == std::string("available=") + has('a') + "\nlocal=" + has('l') + "\ncontainer=" + has('c') + "\n");
         std::vector<std::string> records = row.records;
         if (row.zone >= 0)
             records.push_back("IsCurrentSiteLocalInternal: Found current site's security zone: " + std::to_string(row.zone) + ".");

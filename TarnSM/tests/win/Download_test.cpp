@@ -1,10 +1,14 @@
-// DownloadFile and GetHttpStatusCode against the local web server, and the connect time-out
-// configuration as the download reads it from the registry.
+// DownloadFile against the local web server (the status it reads decides), the connect
+// time-out configuration as the download reads it from the registry, and the deadline watch.
+// Wine does not unblock a WinINet call whose session another thread closes (Windows does), so
+// the watch is shown on a real session, not through a server that sends its headers a byte
+// at a time.
 #include "LogCapture.h"
 #include "Registry.h"
 #include "Scratch.h"
 #include "TestServer.h"
 
+#include "TarnSM/win/DownloadWatch.h"
 #include "TarnSM/win/TrustDataDownload.h"
 #include "TarnSM/win/VendorId.h"
 
@@ -40,16 +44,6 @@ TestServer& Web()
 std::string StatusRecord(unsigned status)
 {
     return "DownloadFile: Failed to download file. HTTP Status Code: " + std::to_string(status) + ".";
-}
-
-// The control's failure records (levels 0 and 1).
-std::vector<std::string> Failures(const LogCapture& capture)
-{
-    std::vector<std::string> failures;
-    for (const auto& r : capture.Records())
-        if (r.className == "TarnSMX::TarnSM" && r.level <= 1)
-            failures.push_back(r.message);
-    return failures;
 }
 
 // The process-wide VendorID for one test.
@@ -111,7 +105,10 @@ TEST_CASE("DownloadFile table: a 200 body is written whole over the target; anyt
         holder.Reset();
         std::string got;
         CHECK((ReadBytes(target, got) ? got : "-") == row.body);
-        const auto failures = Failures(capture);
+        std::vector<std::string> failures;  // the control's records of levels 0 and 1
+        for (const auto& r : capture.Records())
+            if (r.className == "TarnSMX::TarnSM" && r.level <= 1)
+                failures.push_back(r.message);
         if (row.failure.empty()) {
             CHECK(failures.empty());
             CHECK(capture.Has("DownloadFile: Calling InternetSetOption with a timeout value of: 10000.", 3));
@@ -123,57 +120,52 @@ TEST_CASE("DownloadFile table: a 200 body is written whole over the target; anyt
     CHECK(Web().RequestCount(longPath) == 1);
 }
 
-TEST_CASE("GetHttpStatusCode reads a request's status and answers 999 for other handles")
-{
-    LogCapture capture;
-    TarnBase::UniqueInternetHandle session(::InternetOpenA("TarnSM", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
-    for (HINTERNET handle : {HINTERNET(nullptr), session.Get()}) {
-        DWORD status = 0;
-        CHECK_FALSE(TarnSMX::GetHttpStatusCode(status, handle));
-        CHECK(status == 999);
-    }
-    CHECK(capture.HasSubstring("GetHttpStatusCode: Failed to call HttpQueryInfo, GetLastError: "));
-    CHECK_FALSE(capture.Has("GetHttpStatusCode: Failed to call HttpQueryInfo, GetLastError: 0."));
-    DWORD status = 0;
-    TarnBase::UniqueInternetHandle request(::InternetOpenUrlA(
-        session.Get(), Url("/dir/trust.dll?status=206").c_str(), nullptr, 0, 0xA00, 0));
-    CHECK(TarnSMX::GetHttpStatusCode(status, request.Get()));
-    CHECK(status == 206);
-}
-
 TEST_CASE("time-out table: the machine value as a REG_DWORD only; a configured vendor reads its own key only")
 {
-    const std::string base = "Software\\Ostrum\\Kestrel\\Config\\TarnSM";
-    const std::string vendor = "TarnDownloadTestVendor";
-    enum VendorSetup { NoVendor, VendorKeyOnly, VendorTimeout, VendorTimeoutKeyOnly, TimeoutWithoutVendor };
-    struct Row { DWORD type; std::string bytes; VendorSetup setup; unsigned expected; };  // REG_NONE: no machine value
+    const std::string base = "Software\\Ostrum\\Kestrel\\Config\\TarnSM", vendor = "TarnDownloadTestVendor";
     auto dword = [](DWORD v) { return std::string(reinterpret_cast<const char*>(&v), 4); };
+    // {machine value (REG_NONE: none); VendorID set, the vendor's config key, a time-out key of
+    // the vendor's own below the machine's key, 1234 in it -> the time-out used}
+    struct Row { DWORD type; std::string bytes; bool vendorSet, configKey, ownKey, ownValue; unsigned expected; };
     const Row rows[] = {
-        {REG_NONE, "", NoVendor, 10000}, {REG_DWORD, dword(2500), NoVendor, 2500}, {REG_DWORD, dword(0), NoVendor, 0},
-        {REG_DWORD, dword(0xFFFFFFFFu), NoVendor, 0xFFFFFFFFu}, {REG_SZ, std::string("12", 3), NoVendor, 10000},
-        {REG_SZ, std::string("2500 milliseconds", 18), NoVendor, 10000}, {REG_BINARY, dword(2500), NoVendor, 10000},
-        {REG_QWORD, dword(2500) + dword(0), NoVendor, 10000},
-        {REG_DWORD, dword(2500), VendorTimeout, 1234},
-        {REG_DWORD, dword(2500), VendorKeyOnly, 10000},         // the default, not the machine value
-        {REG_DWORD, dword(2500), VendorTimeoutKeyOnly, 10000},
-        {REG_DWORD, dword(2500), TimeoutWithoutVendor, 2500},  // an unconfigured vendor's key is ignored
+        {REG_NONE, "", 0, 0, 0, 0, 10000}, {REG_DWORD, dword(2500), 0, 0, 0, 0, 2500}, {REG_DWORD, dword(0), 0, 0, 0, 0, 0},
+        {REG_DWORD, dword(0xFFFFFFFFu), 0, 0, 0, 0, 0xFFFFFFFFu}, {REG_SZ, std::string("12", 3), 0, 0, 0, 0, 10000},
+        {REG_SZ, std::string("2500 milliseconds", 18), 0, 0, 0, 0, 10000}, {REG_BINARY, dword(2500), 0, 0, 0, 0, 10000},
+        {REG_QWORD, dword(2500) + dword(0), 0, 0, 0, 0, 10000},
+        {REG_DWORD, dword(2500), 1, 1, 1, 1, 1234},
+        {REG_DWORD, dword(2500), 1, 1, 0, 0, 10000},  // the default, not the machine value
+        {REG_DWORD, dword(2500), 1, 1, 1, 0, 10000},
+        {REG_DWORD, dword(2500), 1, 0, 1, 1, 2500},  // an unconfigured vendor's key is ignored
     };
     for (const Row& row : rows) {
-        CAPTURE(row.type * 10 + row.setup);
-        ScopedVendorId id(row.setup == NoVendor ? "" : vendor);
+        CAPTURE(row.type * 10000 + row.vendorSet * 1000 + row.configKey * 100 + row.ownKey * 10 + row.ownValue);
+        ScopedVendorId id(row.vendorSet ? vendor : "");
         ScopedRegistryKey machine(HKEY_LOCAL_MACHINE, base);
         if (row.type != REG_NONE)
             REQUIRE(machine.SetRaw("TrustedSiteDownloadTimeout", row.type, row.bytes.data(), static_cast<DWORD>(row.bytes.size())));
-        std::unique_ptr<ScopedRegistryKey> config, own;
-        if (row.setup == VendorKeyOnly || row.setup == VendorTimeout || row.setup == VendorTimeoutKeyOnly)
-            config.reset(new ScopedRegistryKey(HKEY_LOCAL_MACHINE, "Software\\Ostrum\\Kestrel\\Config\\" + vendor));
-        if (row.setup == VendorTimeout || row.setup == VendorTimeoutKeyOnly || row.setup == TimeoutWithoutVendor)
-            own.reset(new ScopedRegistryKey(HKEY_LOCAL_MACHINE, base + "\\" + vendor));
-        if (row.setup == VendorTimeout || row.setup == TimeoutWithoutVendor)
+        const std::unique_ptr<ScopedRegistryKey> config(
+            row.configKey ? new ScopedRegistryKey(HKEY_LOCAL_MACHINE, "Software\\Ostrum\\Kestrel\\Config\\" + vendor) : nullptr);
+        const std::unique_ptr<ScopedRegistryKey> own(row.ownKey ? new ScopedRegistryKey(HKEY_LOCAL_MACHINE, base + "\\" + vendor) : nullptr);
+        if (row.ownValue)
             REQUIRE(own->SetDword("TrustedSiteDownloadTimeout", 1234));
         LogCapture capture;
         TempDir dir(L"dl");
         TarnSMX::DownloadFile(Refused(), Narrow(dir / L"t.tmp"));  // refused at once: nothing waits on the time-out
         CHECK(capture.Has("DownloadFile: Calling InternetSetOption with a timeout value of: " + std::to_string(row.expected) + ".", 3));
+    }
+}
+
+TEST_CASE("the download watch closes the session at its deadline, and never after Stop (a blocked call's unblocking is the platform's part)")
+{
+    for (const bool late : {true, false}) {
+        CAPTURE(late);
+        TarnBase::UniqueInternetHandle session(::InternetOpenA("TarnSM", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
+        REQUIRE(session);
+        TarnSMX::DownloadWatch watch(session, 100);
+        if (late)
+            ::Sleep(600);
+        CHECK(watch.Stop() == late);
+        ::Sleep(late ? 0 : 300);  // a stopped watch never fires
+        CHECK(static_cast<bool>(session) == !late);
     }
 }
