@@ -83,8 +83,8 @@ TEST_CASE("a damaged critical file: the writer starts again at offset 4, the rea
 {
     const std::string text = RecordText(7);
     // 300: past the end of a short file but before the wrap point, so only the size check catches it.
-    for (const std::string& damaged : {Le32(99999) + std::string(200, 'x'), Le32(300) + std::string(200, 'x'), Le32(10) + std::string(200, 'x'),
-                                       Le32(0) + std::string(200, 'x'), std::string("ab")}) {
+    for (const std::string& damaged : {Le32(99999) + std::string(200, 'x'), Le32(300) + std::string(200, 'x'),
+                                       Le32(10) + std::string(200, 'x'), Le32(0) + std::string(200, 'x'), std::string("ab")}) {
         TempFile file;
         std::ofstream(file.path, std::ios::binary) << damaged;
         REQUIRE(AppendCriticalRecord(file.path, text));
