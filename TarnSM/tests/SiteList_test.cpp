@@ -131,7 +131,7 @@ TEST_CASE("site list linter points at lines the loader would misread")
     };
     for (const auto& row : table) {
         INFO(std::string(row.text));
-        const auto found = LintSiteList(row.text);
+        const auto found = TarnTrust::LintSiteList(row.text);
         REQUIRE(found.size() == row.warnings.size());
         for (size_t i = 0; i < found.size(); ++i) {
             CHECK(found[i].line == row.warnings[i].first);

@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     std::vector<std::string> trusted, denied;
     TarnSMX::ParseSiteInfo(list, trusted, denied);
-    (void)TarnSMX::LintSiteList(list);
+    (void)TarnTrust::LintSiteList(list);
     for (const auto& entry : trusted) {
         if (!TarnSMX::MatchSite(entry, domain))
             continue;

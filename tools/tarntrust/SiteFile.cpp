@@ -11,7 +11,7 @@ namespace {
 
 // The longest string a trust data module can carry (a string table entry's length field
 // allows more, but the module writer keeps to the loader's safe limit).
-constexpr size_t kMaxStringLength = TarnSMX::kMaxTrustDataStringUnits;
+constexpr size_t kMaxStringLength = TarnTrust::kMaxTrustDataStringUnits;
 
 std::string Trim(const std::string& s)
 {
@@ -68,7 +68,7 @@ SiteFile ParseSiteFile(const std::string& text)
                                               "]: pages of that scheme will never be trusted"});
         std::string joined;
         for (const auto& [lineNumber, entry] : lines[id]) {
-            for (const TarnSMX::SiteListWarning& w : TarnSMX::LintSiteList(entry))
+            for (const TarnTrust::SiteListWarning& w : TarnTrust::LintSiteList(entry))
                 result.warnings.push_back({lineNumber, w.text});
             joined += entry + "\r\n";
         }

@@ -1,6 +1,6 @@
 #include "tools/tarntrust/SiteListLint.h"
 
-namespace TarnSMX {
+namespace TarnTrust {
 namespace {
 
 // The same line and text rules the control's list reader follows (TarnSM/SiteList.cpp).
@@ -59,4 +59,4 @@ std::vector<SiteListWarning> LintSiteList(const std::string& raw)
     return warnings;
 }
 
-} // namespace TarnSMX
+} // namespace TarnTrust

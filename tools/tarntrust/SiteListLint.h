@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace TarnSMX {
+namespace TarnTrust {
 
 // Publisher-side check of a site list text: things the loader accepts silently but that
 // are almost certainly mistakes.
@@ -16,4 +16,4 @@ struct SiteListWarning {
 };
 std::vector<SiteListWarning> LintSiteList(const std::string& raw);
 
-} // namespace TarnSMX
+} // namespace TarnTrust

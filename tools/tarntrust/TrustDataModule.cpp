@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace TarnSMX {
+namespace TarnTrust {
 
 namespace {
 
@@ -194,4 +194,4 @@ std::vector<uint8_t> BuildTrustDataModule(const std::map<uint16_t, std::string>&
     return image;
 }
 
-} // namespace TarnSMX
+} // namespace TarnTrust

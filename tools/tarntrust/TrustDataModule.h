@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace TarnSMX {
+namespace TarnTrust {
 
 // Longest string the builder accepts, in UTF-16 units. The length prefix of a string table
 // entry is 16 bits; staying within its signed range keeps tools that read it as signed safe.
@@ -22,4 +22,4 @@ constexpr size_t kMaxTrustDataStringUnits = 32767;
 // kMaxTrustDataStringUnits.
 std::vector<uint8_t> BuildTrustDataModule(const std::map<uint16_t, std::string>& strings);
 
-} // namespace TarnSMX
+} // namespace TarnTrust

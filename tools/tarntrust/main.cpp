@@ -71,7 +71,7 @@ int Build(const std::string& sitePath, const std::string& outPath)
         return Fail("no module written", 1);
     std::vector<uint8_t> image;
     try {
-        image = TarnSMX::BuildTrustDataModule(site.strings);
+        image = TarnTrust::BuildTrustDataModule(site.strings);
     } catch (const TarnBase::BaseException&) {
         return Fail("a list is too long for a trust data module; no module written");
     }

@@ -26,7 +26,7 @@ std::string LoadInPlace(HMODULE module, UINT id)
 TEST_CASE("a held data file can be read but not written, replaced, renamed or deleted")
 {
     // String 103 holds U+0080, which the ANSI code page cannot hold exactly.
-    const auto module = TarnSMX::BuildTrustDataModule({{102, "+example.com"}, {103, "SiteSigner\n\x80Signer"}});
+    const auto module = TarnTrust::BuildTrustDataModule({{102, "+example.com"}, {103, "SiteSigner\n\x80Signer"}});
     const std::wstring path = TarnUtils::CreateUniqueTempFile(L"PTI");
     REQUIRE(TarnTest::WriteBytes(path, std::string(module.begin(), module.end())));
     const std::wstring moved = path + L".moved";
@@ -60,8 +60,8 @@ TEST_CASE("built trust data modules load as data files with every string whole; 
     for (int i = 0; list.size() < 6000; ++i)
         list += "+site" + std::to_string(i) + ".example.com\n";
     list.resize(6000);
-    const std::string longest(TarnSMX::kMaxTrustDataStringUnits, 'L');
-    CHECK_THROWS_AS(TarnSMX::BuildTrustDataModule({{102, longest + "L"}}), TarnBase::InvalidParameterException);
+    const std::string longest(TarnTrust::kMaxTrustDataStringUnits, 'L');
+    CHECK_THROWS_AS(TarnTrust::BuildTrustDataModule({{102, longest + "L"}}), TarnBase::InvalidParameterException);
     const std::map<uint16_t, std::string> tables[] = {
         {{101, list}, {102, "+a.example\r\n-b.example"}, {103, "PlainSigner"}, {0, "zero"}, {4000, "far"}, {65535, "last"}},
         {{102, longest}, {126, "id126"}, {127, "id127"}},
@@ -70,7 +70,7 @@ TEST_CASE("built trust data modules load as data files with every string whole; 
     for (const auto& strings : tables) {
         CAPTURE(strings.size());
         TarnTest::TempDir dir(L"tdm");
-        const std::vector<uint8_t> image = TarnSMX::BuildTrustDataModule(strings);
+        const std::vector<uint8_t> image = TarnTrust::BuildTrustDataModule(strings);
         REQUIRE(TarnTest::WriteBytes(dir / L"t.dll", std::string(image.begin(), image.end())));
         const HMODULE module = ::LoadLibraryExW((dir / L"t.dll").c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE);
         REQUIRE_MESSAGE(module != nullptr, "LoadLibraryEx failed with " << ::GetLastError());
