@@ -45,6 +45,7 @@ namespace {
 using Bench::BareDownload;
 using Bench::Median;
 using Bench::NowUs;
+using TarnTest::Widen;
 
 using Microsoft::WRL::ComPtr;
 
@@ -57,11 +58,6 @@ constexpr size_t kMostListCharacters = 65535;
 const wchar_t kPageUrl[] = L"http://shop.example.com/p.html";
 const char kOursChild[] = "--child-ours";
 const char kFloorChild[] = "--child-floor";
-
-std::wstring Widen(const std::string& ascii)
-{
-    return std::wstring(ascii.begin(), ascii.end());
-}
 
 bool FileExists(const std::wstring& path)
 {
