@@ -112,7 +112,9 @@ struct Record {
     std::string className;
     unsigned char level;
     std::string message;
-    bool debugLine;  // the threading library's line to the debugger output, not a log record
+    // The threading library's line to the debugger output, not a log record. The observer
+    // sees both alike; that library's classes, and only its, are named "TarnMT::...".
+    bool debugLine;
 
     bool operator==(const Record& other) const
     {
@@ -145,7 +147,7 @@ inline std::vector<Record> RecordsOf(const std::function<void()>& call)
     return capture.records;
 }
 
-// Writes the same records again, each one formatted once as ours formats it.
+// Writes the same records again through the same two calls, each message passed as "%s".
 inline void Replay(const std::vector<Record>& records)
 {
     for (const Record& record : records)
