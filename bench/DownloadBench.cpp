@@ -10,67 +10,20 @@
 //   download_bench --short   a few samples, for the test run (never fails on timing)
 
 #include "BenchPage.h"
+#include "BenchSupport.h"
 #include "TarnSM/win/TrustDataDownload.h"
-#include "TarnBase/win/Handle.h"
 #include "testing/support/TestServer.h"
 
 #include <windows.h>
-#include <wininet.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <string>
-#include <vector>
-
-#include "BenchSupport.h"
 
 namespace {
 
-using Bench::NowUs;
-using Bench::Median;
-using Bench::BareDownload;
-using Bench::Alternate;
-using Bench::Comparison;
-
-using Microsoft::WRL::ComPtr;
-
 constexpr double kDownloadTarget = 1.15;
 constexpr double kDiscoveryTarget = 1.3;
-
-
-
-// The download as the bare platform calls, with no configuration read and no records.
-
-// What GetCurrentSiteURLAndZone asks the site, as bare calls.
-bool BareDiscovery(IServiceProvider* provider, DWORD& zone)
-{
-    ComPtr<IWebBrowser2> browser;
-    if (FAILED(provider->QueryService(SID_SWebBrowserApp, IID_PPV_ARGS(&browser))))
-        return false;
-    BSTR location = nullptr;
-    if (FAILED(browser->get_LocationURL(&location)))
-        return false;
-    ComPtr<IInternetSecurityManager> manager;
-    HRESULT hr = provider->QueryService(IID_IInternetSecurityManager, IID_PPV_ARGS(&manager));
-    if (FAILED(hr))
-        hr = ::CoCreateInstance(CLSID_InternetSecurityManager, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&manager));
-    if (SUCCEEDED(hr))
-        hr = manager->MapUrlToZone(location, &zone, 0);
-    ::SysFreeString(location);  // the floor frees by hand, as bare platform code does
-    return SUCCEEDED(hr);
-}
-
-
-// One sample of each side per round; the side that goes first alternates.
-
-void PrintRow(const char* operation, const char* unit, double ours, double floor, double target)
-{
-    const double ratio = ours / floor;
-    std::printf("| %s | %.1f us/%s | %.1f us/%s | %.2fx | <= %.2fx%s |\n", operation, ours, unit, floor, unit, ratio,
-                target, ratio <= target ? "" : " (missed)");
-}
 
 } // namespace
 
@@ -103,9 +56,9 @@ int main(int argc, char** argv)
     const std::string oursTarget = TarnTest::Narrow(scratch / L"ours.tmp");
     const std::string floorTarget = TarnTest::Narrow(scratch / L"floor.tmp");
 
-    const Comparison download = Alternate(
+    const Bench::Comparison download = Bench::Alternate(
         downloadRounds, [&] { return TarnSMX::DownloadFile(url, oursTarget); },
-        [&] { return BareDownload(url, floorTarget); });
+        [&] { return Bench::BareDownload(url, floorTarget); });
     std::string check;
     if (!download.ok || !TarnTest::ReadBytes(scratch / L"ours.tmp", check) || check != body) {
         std::fprintf(stderr, "download_bench: a download failed\n");
@@ -115,27 +68,19 @@ int main(int argc, char** argv)
     auto site = BenchPage::Site(L"http://www.tarn-bench.example/dir/page.html");
     auto control = BenchPage::NewControl();
     control->SetSite(BenchPage::Unknown(site));
-    ComPtr<IServiceProvider> provider;
-    site.As(&provider);
-    const Comparison discovery = Alternate(
+    const Bench::Comparison discovery = Bench::Alternate(
         discoveryRounds,
-        [&] {
-            bool ok = true;
-            for (int i = 0; i < discoveryBatch; ++i) {
-                std::string pageUrl;
-                DWORD zone = 0;
-                ok = control->GetCurrentSiteURLAndZone(pageUrl, zone) && zone == 3 && ok;
-            }
-            return ok;
-        },
-        [&] {
-            bool ok = true;
-            for (int i = 0; i < discoveryBatch; ++i) {
-                DWORD zone = 0;
-                ok = BareDiscovery(provider.Get(), zone) && zone == 3 && ok;
-            }
-            return ok;
-        });
+        Bench::Batch(discoveryBatch,
+                     [&] {
+                         std::string pageUrl;
+                         DWORD zone = 0;
+                         return control->GetCurrentSiteURLAndZone(pageUrl, zone) && zone == 3;
+                     }),
+        Bench::Batch(discoveryBatch, [&] {
+            std::wstring pageUrl;
+            DWORD zone = 0;
+            return BenchPage::BareDiscovery(BenchPage::Unknown(site), pageUrl, zone) && zone == 3;
+        }));
     control->SetSite(nullptr);
     if (!discovery.ok) {
         std::fprintf(stderr, "download_bench: site discovery failed\n");
@@ -144,11 +89,9 @@ int main(int argc, char** argv)
 
     std::printf("download_bench%s: %d downloads of 16 KiB each side, %d x %d site discoveries each side, medians\n",
                 shortRun ? " --short" : "", downloadRounds, discoveryRounds, discoveryBatch);
-    std::printf("| operation | ours | floor | ratio | target |\n");
-    std::printf("|---|---|---|---|---|\n");
-    PrintRow("DownloadFile, 16 KiB from 127.0.0.1, cold", "download", Median(download.ours), Median(download.floor),
-             kDownloadTarget);
-    PrintRow("GetCurrentSiteURLAndZone, sited control", "call", Median(discovery.ours) / discoveryBatch,
-             Median(discovery.floor) / discoveryBatch, kDiscoveryTarget);
+    Bench::PrintHeader();
+    Bench::PrintRow("DownloadFile, 16 KiB from 127.0.0.1, cold", "download", Bench::Median(download.ours),
+                    Bench::Median(download.floor), kDownloadTarget);
+    Bench::PrintRow("GetCurrentSiteURLAndZone, sited control", discovery, discoveryBatch, kDiscoveryTarget);
     return 0;
 }

@@ -1,10 +1,12 @@
 // What a log call costs against the least any shared-ring logger must do per record:
 // take a machine-wide named mutex, copy one 692-byte entry into a shared mapping, release.
-// Measured in one process and in four processes logging at once (wall time per record).
+// Measured in one process and in four processes logging at once (wall time per record);
+// the two sides alternate round by round and the medians are compared.
 //
 //   logger_bench            full run
 //   logger_bench --short    a few thousand records, for make test (never fails on timing)
 //   logger_bench --child floor|ours N START READY DONE    one of the four processes
+#include "BenchSupport.h"
 #include "TarnBase/KernelObjectName.h"
 #include "TarnBase/win/Handle.h"
 #include "TarnLog/Log.h"
@@ -14,7 +16,6 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,16 +34,10 @@ std::string Global(const std::string& name)
     return TarnBase::MakeKernelObjectName(name, true);
 }
 
+// Seconds, on the benchmarks' one clock.
 double Now()
 {
-    static LARGE_INTEGER frequency = [] {
-        LARGE_INTEGER f;
-        ::QueryPerformanceFrequency(&f);
-        return f;
-    }();
-    LARGE_INTEGER counter;
-    ::QueryPerformanceCounter(&counter);
-    return static_cast<double>(counter.QuadPart) / static_cast<double>(frequency.QuadPart);
+    return Bench::NowUs() / 1e6;
 }
 
 // The floor's ring: same header and entry sizes as the log ring, its own names.
@@ -173,13 +168,6 @@ double RunProcesses(Kind kind, unsigned processes, unsigned perProcess)
     return elapsed;
 }
 
-void PrintRow(const char* operation, double oursUs, double floorUs)
-{
-    const double ratio = oursUs / floorUs;
-    std::printf("| %s | %.2f us/record | %.2f us/record | %.2fx | <= %.1fx%s |\n", operation, oursUs, floorUs, ratio,
-                kTarget, ratio <= kTarget ? "" : " (missed)");
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -200,28 +188,35 @@ int main(int argc, char** argv)
     RunRecords(Kind::Ours, floor, 200);
     RunRecords(Kind::Floor, floor, 200);
 
-    // Alternating rounds, best of each: the machine is shared and Wine's timing is noisy.
-    double floorOne = 1e30, oursOne = 1e30, floorFour = 1e30, oursFour = 1e30;
-    for (int r = 0; r < rounds; ++r) {
-        floorOne = std::min(floorOne, RunRecords(Kind::Floor, floor, single));
-        oursOne = std::min(oursOne, RunRecords(Kind::Ours, floor, single));
-        const double f = RunProcesses(Kind::Floor, processes, perProcess);
-        const double o = RunProcesses(Kind::Ours, processes, perProcess);
-        if (f < 0 || o < 0) {
-            std::fprintf(stderr, "logger_bench: a child process failed\n");
-            return 1;
-        }
-        floorFour = std::min(floorFour, f);
-        oursFour = std::min(oursFour, o);
+    // Microseconds per record: the single-process sides are timed here, the four-process
+    // sides report the wall time between the start signal and the last child's last record.
+    const unsigned fourRecords = processes * perProcess;
+    auto single1 = [&](Kind kind) {
+        return [&, kind](std::vector<double>& samples) {
+            samples.push_back(RunRecords(kind, floor, single) * 1e6 / single);
+            return true;
+        };
+    };
+    auto four = [&](Kind kind) {
+        return [&, kind](std::vector<double>& samples) {
+            const double seconds = RunProcesses(kind, processes, perProcess);
+            samples.push_back(seconds * 1e6 / fourRecords);
+            return seconds >= 0;
+        };
+    };
+    const Bench::Comparison one = Bench::AlternateSamples(rounds, single1(Kind::Ours), single1(Kind::Floor));
+    const Bench::Comparison many = Bench::AlternateSamples(rounds, four(Kind::Ours), four(Kind::Floor));
+    if (!many.ok) {
+        std::fprintf(stderr, "logger_bench: a child process failed\n");
+        return 1;
     }
 
-    const double us = 1e6;
-    std::printf("logger_bench%s: %u records in one process, %u x %u in four processes, best of %d\n",
+    std::printf("logger_bench%s: %u records in one process, %u x %u in four processes, median of %d\n",
                 shortRun ? " --short" : "", single, processes, perProcess, rounds);
-    std::printf("| operation | ours | floor | ratio | target |\n");
-    std::printf("|---|---|---|---|---|\n");
-    PrintRow("log call into the shared ring, 1 process", oursOne * us / single, floorOne * us / single);
-    PrintRow("log call into the shared ring, 4 processes (wall)", oursFour * us / (processes * perProcess),
-             floorFour * us / (processes * perProcess));
+    Bench::PrintHeader();
+    Bench::PrintRow("log call into the shared ring, 1 process", "record", Bench::Median(one.ours),
+                    Bench::Median(one.floor), kTarget);
+    Bench::PrintRow("log call into the shared ring, 4 processes (wall)", "record", Bench::Median(many.ours),
+                    Bench::Median(many.floor), kTarget);
     return 0;
 }
