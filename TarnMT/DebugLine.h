@@ -28,5 +28,5 @@ void DebugLog(const char* className, unsigned level, const char* format, ...) no
     } while (0)
 
 // Failed-call pattern inside TarnMT: message, then the code in the debug line's suffix.
-#define TARN_MT_LOG_WIN32_ERROR(className, level, error, message)                              \
-    TARN_LOG_CODE(::TarnMT::DebugLog, className, level, TARN_SUFFIX_LAST_ERROR_EQUALS, error, message)
+#define TARN_MT_LOG_WIN32_ERROR(className, level, error, message, ...)                         \
+    TARN_LOG_CODE(::TarnMT::DebugLog, className, level, TARN_SUFFIX_LAST_ERROR_EQUALS, error, message, ##__VA_ARGS__)

@@ -1,7 +1,6 @@
 #include "TarnMT/win/Event.h"
 
 #include "TarnBase/Exceptions.h"
-#include "TarnMT/win/Platform.h"
 #include "TarnMT/DebugLine.h"
 #include "TarnMT/win/Mutex.h"
 #include "TarnMT/win/Thread.h"
@@ -10,43 +9,26 @@ namespace TarnMT {
 namespace {
 const char kClass[] = "TarnMT::Event";
 const char kSource[] = "Event";
+
+HANDLE CreateManualResetEvent(SECURITY_ATTRIBUTES* attributes, const char* name)
+{
+    return ::CreateEventA(attributes, TRUE, FALSE, name);
+}
+
 } // namespace
+
+Event::Event() : NamedObject(kClass, kSource) {}
 
 void Event::Config(const std::string& name, const SECURITY_ATTRIBUTES* securityAttributes)
 {
-    AutoCriticalSection guard(&m_createLock);
-    if (m_handle) {
-        DebugLog(kClass, 2, "Event object Config operation failed because the object is already configured.");
-        return;
-    }
-    m_name = name;
-    m_securityAttributes = SecurityAttributes(securityAttributes);
-}
-
-bool Event::EnsureCreated()
-{
-    if (m_handle)
-        return true;
-    AutoCriticalSection guard(&m_createLock);
-    if (m_handle)
-        return true;
-    SECURITY_ATTRIBUTES* attributes = IsNtPlatform() ? m_securityAttributes.Get() : nullptr;
-    m_handle.Reset(::CreateEventA(attributes, TRUE, FALSE, m_name.empty() ? nullptr : m_name.c_str()));
-    const DWORD error = ::GetLastError();
-    if (m_handle && error == ERROR_ALREADY_EXISTS) {
-        m_alreadyExisted = true;
-        DebugLog(kClass, 2, "Internel CreateEvent call was successful, but indicated that a handle to an already existing named object was returned.");
-    }
-    if (!m_handle)
-        TARN_MT_LOG_WIN32_ERROR(kClass, 0, error, "Internel CreateEvent call failed.");
-    return static_cast<bool>(m_handle);
+    ConfigName(name, securityAttributes);
 }
 
 HANDLE Event::CreatedHandle()
 {
-    if (!EnsureCreated())
+    if (!EnsureCreated(CreateManualResetEvent))
         TARN_MT_THROW(kClass, kSource, TarnBase::InvalidObjectException);
-    return m_handle.Get();
+    return Handle();
 }
 
 HANDLE Event::GetHandle()

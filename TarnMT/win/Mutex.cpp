@@ -1,7 +1,6 @@
 #include "TarnMT/win/Mutex.h"
 
 #include "TarnBase/Exceptions.h"
-#include "TarnMT/win/Platform.h"
 #include "TarnMT/DebugLine.h"
 #include "TarnMT/win/Thread.h"
 
@@ -11,6 +10,12 @@ const char kClass[] = "TarnMT::Mutex";
 const char kAutoClass[] = "TarnMT::AutoLockMutex";
 const char kSource[] = "Mutex";
 const char kAutoSource[] = "AutoLockMutex";
+
+HANDLE CreateUnownedMutex(SECURITY_ATTRIBUTES* attributes, const char* name)
+{
+    return ::CreateMutexA(attributes, FALSE, name);
+}
+
 } // namespace
 
 bool IsUsablePointer(const void* pointer)
@@ -18,39 +23,17 @@ bool IsUsablePointer(const void* pointer)
     return pointer != nullptr && !::IsBadCodePtr(reinterpret_cast<FARPROC>(const_cast<void*>(pointer)));
 }
 
+Mutex::Mutex() : NamedObject(kClass, kSource) {}
+
 void Mutex::Config(const std::string& name, const SECURITY_ATTRIBUTES* securityAttributes)
 {
-    AutoCriticalSection guard(&m_createLock);
-    if (m_handle) {
-        DebugLog(kClass, 2, "Mutex object Config operation failed because the object is already configured.");
-        return;
-    }
-    m_name = name;
-    m_securityAttributes = SecurityAttributes(securityAttributes);
-    m_handle.Reset();
-}
-
-bool Mutex::EnsureCreated()
-{
-    if (m_handle)
-        return true;
-    AutoCriticalSection guard(&m_createLock);
-    if (m_handle)
-        return true;
-    SECURITY_ATTRIBUTES* attributes = IsNtPlatform() ? m_securityAttributes.Get() : nullptr;
-    m_handle.Reset(::CreateMutexA(attributes, FALSE, m_name.empty() ? nullptr : m_name.c_str()));
-    const DWORD error = ::GetLastError();
-    if (m_handle && error == ERROR_ALREADY_EXISTS)
-        DebugLog(kClass, 2, "Internel CreateMutex call was successful, but indicated that a handle to an already existing named object was returned.");
-    if (!m_handle)
-        TARN_MT_LOG_WIN32_ERROR(kClass, 0, error, "Internel CreateMutex call failed.");
-    return static_cast<bool>(m_handle);
+    ConfigName(name, securityAttributes);
 }
 
 HANDLE Mutex::GetHandle()
 {
-    EnsureCreated();
-    return m_handle.Get();
+    EnsureCreated(CreateUnownedMutex);
+    return Handle();
 }
 
 bool Mutex::Acquire(DWORD timeoutMs)
@@ -60,10 +43,10 @@ bool Mutex::Acquire(DWORD timeoutMs)
 
 bool Mutex::Acquire(DWORD timeoutMs, Thread* thread)
 {
-    if (!EnsureCreated())
+    if (!EnsureCreated(CreateUnownedMutex))
         TARN_MT_THROW(kClass, kSource, TarnBase::InvalidObjectException);
 
-    HANDLE handles[3] = {m_handle.Get(), nullptr, nullptr};
+    HANDLE handles[3] = {Handle(), nullptr, nullptr};
     DWORD count = 1;
     if (thread != nullptr && IsUsablePointer(thread)) {
         handles[1] = thread->GetHandle();
@@ -96,9 +79,9 @@ bool Mutex::Acquire(DWORD timeoutMs, Thread* thread)
 
 void Mutex::Release()
 {
-    if (!m_handle)
+    if (!Handle())
         return;
-    if (!::ReleaseMutex(m_handle.Get()))
+    if (!::ReleaseMutex(Handle()))
         TARN_MT_LOG_WIN32_ERROR(kClass, 1, ::GetLastError(), "Internel ReleaseMutex call failed.");
 }
 

@@ -1,9 +1,7 @@
 #pragma once
 
 #include "TarnBase/NoCopySemantics.h"
-#include "TarnBase/win/Handle.h"
-#include "TarnMT/win/CriticalSection.h"
-#include "TarnMT/win/SecurityAttributes.h"
+#include "TarnMT/win/NamedObject.h"
 
 #include <string>
 
@@ -13,9 +11,9 @@ class Thread;
 
 // A kernel mutex, named or not, created on first use. A wait bound to a Thread wakes up
 // when that thread is asked to stop and turns into ThreadAbortException.
-class Mutex : public TarnBase::NoCopySemantics {
+class Mutex : public NamedObject {
 public:
-    Mutex() = default;
+    Mutex();
     virtual ~Mutex() = default;
 
     virtual void Config(const std::string& name, const SECURITY_ATTRIBUTES* securityAttributes);
@@ -24,15 +22,6 @@ public:
     virtual void Release();
 
     HANDLE GetHandle();
-    const std::string& GetName() const { return m_name; }
-
-private:
-    bool EnsureCreated();
-
-    CriticalSection m_createLock;  // two threads' first use still makes one handle
-    std::string m_name;
-    SecurityAttributes m_securityAttributes;
-    TarnBase::UniqueHandle m_handle;
 };
 
 // Holds a Mutex for a scope; a time-out throws AutoLockTimeoutException.
