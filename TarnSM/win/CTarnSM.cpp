@@ -1,6 +1,6 @@
 #include "TarnSM/win/CTarnSM.h"
 
-#include "TarnSM/win/Guids.h"
+#include "TarnSM/win/ControlIdentity.h"
 #include "TarnSM/win/Module.h"
 #include "TarnSM/win/ScriptBoundary.h"
 #include "TarnSM/win/SiteCache.h"

@@ -3,7 +3,7 @@
 #include "TarnSM/win/CTarnSM.h"
 
 #include "TarnBase/win/Owners.h"
-#include "TarnSM/win/Guids.h"
+#include "TarnSM/win/ControlIdentity.h"
 #include "TarnSM/win/ScriptBoundary.h"
 #include "TarnSM/win/SiteCache.h"
 #include "TarnSM/win/VendorId.h"

@@ -3,6 +3,7 @@
 #include "TarnBase/ResultLog.h"
 #include "TarnBase/win/Owners.h"
 #include "TarnSM/win/ScriptBoundary.h"
+#include "TarnUtils/win/StringConvert.h"
 #include "TarnUtils/win/TempFile.h"
 
 #include <windows.h>
@@ -18,17 +19,6 @@ struct KeptFile {
     std::wstring path;
     ULONGLONG written;
 };
-
-std::string ForLog(const std::wstring& text)
-{
-    const int needed = ::WideCharToMultiByte(CP_ACP, 0, text.c_str(), -1, nullptr, 0, nullptr, nullptr);
-    if (needed <= 1)
-        return std::string();
-    std::string narrow(static_cast<size_t>(needed), '\0');
-    ::WideCharToMultiByte(CP_ACP, 0, text.c_str(), -1, &narrow[0], needed, nullptr, nullptr);
-    narrow.resize(static_cast<size_t>(needed - 1));
-    return narrow;
-}
 
 std::vector<KeptFile> KeptFiles(const std::wstring& folder, const wchar_t* prefix)
 {
@@ -58,7 +48,7 @@ void PruneFailedDownloads(const wchar_t* prefix) noexcept
             return;
         std::sort(files.begin(), files.end(), [](const KeptFile& a, const KeptFile& b) { return a.written > b.written; });
         for (size_t i = kKeptFailedDownloads - 1; i < files.size(); ++i) {
-            const std::string name = ForLog(files[i].path);
+            const std::string name = TarnUtils::WideToAnsiForLog(files[i].path.c_str(), files[i].path.size());
             if (::DeleteFileW(files[i].path.c_str()))
                 TarnLog::Log(kControlClass, 3, "PruneFailedDownloads: Deleted an old failed download: %s.", name.c_str());
             else

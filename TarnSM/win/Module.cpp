@@ -1,7 +1,7 @@
 #include "TarnSM/win/Module.h"
 
 #include "TarnSM/win/ClassFactory.h"
-#include "TarnSM/win/Guids.h"
+#include "TarnSM/win/ControlIdentity.h"
 
 #include <atomic>
 

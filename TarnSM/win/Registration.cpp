@@ -1,5 +1,5 @@
 // The class's registration: ProgIDs, class key, application id and type library.
-#include "TarnSM/win/Guids.h"
+#include "TarnSM/win/ControlIdentity.h"
 #include "TarnSM/win/Module.h"
 
 #include "TarnBase/win/Handle.h"

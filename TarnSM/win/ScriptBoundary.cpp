@@ -3,7 +3,7 @@
 #include "TarnBase/ResultLog.h"
 #include "TarnBase/Throw.h"
 #include "TarnBase/win/Owners.h"
-#include "TarnSM/win/Guids.h"
+#include "TarnSM/win/ControlIdentity.h"
 
 #include <wrl/client.h>
 

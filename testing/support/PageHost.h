@@ -10,7 +10,7 @@
 #include "TarnBase/win/Owners.h"
 #include "TarnLog/Log.h"
 #include "TarnSMX_h.h"
-#include "TarnSM/win/Guids.h"
+#include "TarnSM/win/ControlIdentity.h"
 
 #include <wrl/client.h>
 
