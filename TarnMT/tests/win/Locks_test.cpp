@@ -1,4 +1,5 @@
 #include "TarnBase/Exceptions.h"
+#include "TarnMT/win/Event.h"
 #include "TarnMT/win/Mutex.h"
 #include "LogCapture.h"
 
@@ -64,4 +65,17 @@ TEST_CASE("mutex acquire: abandoned counts as acquired; AutoLockMutex holds for 
     TarnTest::ExpectInOrder(capture, {
         {"TarnMT::AutoLockMutex", 0, "Throwing TarnBase::InvalidParameterException exception type. File: AutoLockMutex Line: ..."},
         {"TarnMT::AutoLockMutex", 1, "Throwing TarnMT::AutoLockTimeoutException exception type. File: AutoLockMutex Line: ..."}});
+}
+
+TEST_CASE("an event whose name a mutex already holds is not created, and says why")
+{
+    const std::string name = "Local\\TarnMT::LocksTest::Taken::" + std::to_string(::GetCurrentProcessId());
+    Mutex mutex;
+    mutex.Config(name, nullptr);
+    REQUIRE(mutex.GetHandle());
+    TarnTest::LogCapture capture;
+    Event event;
+    event.Config(name, nullptr);
+    CHECK_THROWS_AS(event.Set(), TarnBase::InvalidObjectException);
+    TarnTest::ExpectInOrder(capture, {{"TarnMT::Event", 0, "Internel CreateEvent call failed. GetLastError = 6."}});
 }

@@ -213,9 +213,10 @@ TEST_SUITE("the control through IDispatch and its standard interfaces")
             CHECK(withSite->SetSite(&site) == S_OK);
             CHECK(site.references == 2);
         }
-        CHECK(withSite->GetSite(IID_IUnknown, &out) == S_OK);
-        CHECK(out == &site);
-        site.Release();
+        ComPtr<IUnknown> got;
+        CHECK(withSite->GetSite(IID_IUnknown, reinterpret_cast<void**>(got.GetAddressOf())) == S_OK);
+        CHECK(got.Get() == &site);
+        got.Reset();
         CHECK(withSite->GetSite(IID_IDispatch, &out) == E_NOINTERFACE);
         CHECK(withSite->SetSite(nullptr) == S_OK);
         CHECK(site.references == 1);
