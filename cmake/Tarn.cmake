@@ -72,10 +72,12 @@ function(tarn_register_test target)
   endif()
 endfunction()
 
+# doctest's runner is compiled once (TarnTestMain, testing/CMakeLists.txt) and linked into
+# every test program: compiling it per program cost most of the build.
 function(tarn_test_executable target)
-  add_executable(${target} ${ARGN} ${PROJECT_SOURCE_DIR}/testing/support/doctest_main.cpp)
+  add_executable(${target} ${ARGN})
   target_include_directories(${target} SYSTEM PRIVATE ${TARN_DOCTEST_INCLUDE})
-  target_link_libraries(${target} PRIVATE TarnTestSupport)
+  target_link_libraries(${target} PRIVATE TarnTestSupport TarnTestMain)
 endfunction()
 
 # tarn_tests(<lib> [LIBS ...] [SERIAL] [LOCKS ...]): one executable for tests/*.cpp and,
