@@ -78,6 +78,11 @@ function(tarn_test_executable target)
   add_executable(${target} ${ARGN})
   target_include_directories(${target} SYSTEM PRIVATE ${TARN_DOCTEST_INCLUDE})
   target_link_libraries(${target} PRIVATE TarnTestSupport TarnTestMain)
+  if(WIN32)
+    # The products under test keep the build's flags; the test programs themselves build
+    # faster unoptimised and without debug records (doctest reports file and line anyway).
+    target_compile_options(${target} PRIVATE -O0 -g0)
+  endif()
 endfunction()
 
 # tarn_tests(<lib> [LIBS ...] [SERIAL] [LOCKS ...]): one executable for tests/*.cpp and,
