@@ -52,6 +52,16 @@ private:
     Type m_value = Traits::Invalid();
 };
 
+// Resources whose "none" is a zero value (a null pointer or handle, a zero CryptoAPI
+// handle), freed by one call that takes the value: only the type and that call differ.
+template <typename T, auto CloseFn>
+struct ZeroIsNoneTraits {
+    using Type = T;
+    static Type Invalid() { return Type{}; }
+    static bool IsValid(Type v) { return v != Type{}; }
+    static void Close(Type v) { CloseFn(v); }
+};
+
 // CreateMutex, CreateEvent, CreateFileMapping, threads: null means "none".
 struct KernelHandleTraits {
     using Type = HANDLE;
@@ -70,45 +80,10 @@ struct FileHandleTraits {
 };
 using UniqueFile = UniqueResource<FileHandleTraits>;
 
-struct RegKeyTraits {
-    using Type = HKEY;
-    static Type Invalid() { return nullptr; }
-    static bool IsValid(Type h) { return h != nullptr; }
-    static void Close(Type h) { ::RegCloseKey(h); }
-};
-using UniqueRegKey = UniqueResource<RegKeyTraits>;
-
-struct MappedViewTraits {
-    using Type = void*;
-    static Type Invalid() { return nullptr; }
-    static bool IsValid(Type p) { return p != nullptr; }
-    static void Close(Type p) { ::UnmapViewOfFile(p); }
-};
-using UniqueMappedView = UniqueResource<MappedViewTraits>;
-
-struct ModuleTraits {
-    using Type = HMODULE;
-    static Type Invalid() { return nullptr; }
-    static bool IsValid(Type h) { return h != nullptr; }
-    static void Close(Type h) { ::FreeLibrary(h); }
-};
-using UniqueModule = UniqueResource<ModuleTraits>;
-
-struct LocalMemoryTraits {
-    using Type = HLOCAL;
-    static Type Invalid() { return nullptr; }
-    static bool IsValid(Type h) { return h != nullptr; }
-    static void Close(Type h) { ::LocalFree(h); }
-};
-using UniqueLocal = UniqueResource<LocalMemoryTraits>;
-
-// InternetOpen, InternetOpenUrl: null means "none".
-struct InternetHandleTraits {
-    using Type = HINTERNET;
-    static Type Invalid() { return nullptr; }
-    static bool IsValid(Type h) { return h != nullptr; }
-    static void Close(Type h) { ::InternetCloseHandle(h); }
-};
-using UniqueInternetHandle = UniqueResource<InternetHandleTraits>;
+using UniqueRegKey = UniqueResource<ZeroIsNoneTraits<HKEY, &::RegCloseKey>>;
+using UniqueMappedView = UniqueResource<ZeroIsNoneTraits<void*, &::UnmapViewOfFile>>;
+using UniqueModule = UniqueResource<ZeroIsNoneTraits<HMODULE, &::FreeLibrary>>;
+using UniqueLocal = UniqueResource<ZeroIsNoneTraits<HLOCAL, &::LocalFree>>;
+using UniqueInternetHandle = UniqueResource<ZeroIsNoneTraits<HINTERNET, &::InternetCloseHandle>>;
 
 } // namespace TarnBase

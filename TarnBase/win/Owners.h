@@ -12,33 +12,14 @@
 namespace TarnBase {
 
 // SysAllocString and every BSTR a COM call hands over.
-struct BstrTraits {
-    using Type = BSTR;
-    static Type Invalid() { return nullptr; }
-    static bool IsValid(Type s) { return s != nullptr; }
-    static void Close(Type s) { ::SysFreeString(s); }
-};
-using UniqueBstr = UniqueResource<BstrTraits>;
+using UniqueBstr = UniqueResource<ZeroIsNoneTraits<BSTR, &::SysFreeString>>;
 
 // Memory a COM call allocated with CoTaskMemAlloc (ProgIDFromCLSID, GetDisplayName, ...).
 template <typename T>
-struct CoTaskMemTraits {
-    using Type = T*;
-    static Type Invalid() { return nullptr; }
-    static bool IsValid(Type p) { return p != nullptr; }
-    static void Close(Type p) { ::CoTaskMemFree(p); }
-};
-template <typename T>
-using UniqueCoTaskMem = UniqueResource<CoTaskMemTraits<T>>;
+using UniqueCoTaskMem = UniqueResource<ZeroIsNoneTraits<T*, &::CoTaskMemFree>>;
 
 // Certificate contexts (CryptVerifyMessageSignature's signer, CertCreateCertificateContext).
-struct CertContextTraits {
-    using Type = PCCERT_CONTEXT;
-    static Type Invalid() { return nullptr; }
-    static bool IsValid(Type c) { return c != nullptr; }
-    static void Close(Type c) { ::CertFreeCertificateContext(c); }
-};
-using UniqueCertContext = UniqueResource<CertContextTraits>;
+using UniqueCertContext = UniqueResource<ZeroIsNoneTraits<PCCERT_CONTEXT, &::CertFreeCertificateContext>>;
 
 // FindFirstFile: INVALID_HANDLE_VALUE means "none", and FindClose, not CloseHandle, ends it.
 struct FindHandleTraits {

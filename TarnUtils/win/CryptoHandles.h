@@ -8,6 +8,7 @@
 
 namespace TarnUtils {
 
+// Releasing a provider takes a flags argument too, so it keeps traits of its own.
 struct CryptProviderTraits {
     using Type = HCRYPTPROV;
     static Type Invalid() { return 0; }
@@ -16,20 +17,7 @@ struct CryptProviderTraits {
 };
 using UniqueCryptProvider = TarnBase::UniqueResource<CryptProviderTraits>;
 
-struct CryptHashTraits {
-    using Type = HCRYPTHASH;
-    static Type Invalid() { return 0; }
-    static bool IsValid(Type h) { return h != 0; }
-    static void Close(Type h) { ::CryptDestroyHash(h); }
-};
-using UniqueCryptHash = TarnBase::UniqueResource<CryptHashTraits>;
-
-struct CryptKeyTraits {
-    using Type = HCRYPTKEY;
-    static Type Invalid() { return 0; }
-    static bool IsValid(Type h) { return h != 0; }
-    static void Close(Type h) { ::CryptDestroyKey(h); }
-};
-using UniqueCryptKey = TarnBase::UniqueResource<CryptKeyTraits>;
+using UniqueCryptHash = TarnBase::UniqueResource<TarnBase::ZeroIsNoneTraits<HCRYPTHASH, &::CryptDestroyHash>>;
+using UniqueCryptKey = TarnBase::UniqueResource<TarnBase::ZeroIsNoneTraits<HCRYPTKEY, &::CryptDestroyKey>>;
 
 } // namespace TarnUtils
