@@ -71,14 +71,16 @@ struct KernelHandleTraits {
 };
 using UniqueHandle = UniqueResource<KernelHandleTraits>;
 
-// CreateFile: INVALID_HANDLE_VALUE means "none".
-struct FileHandleTraits {
+// CreateFile and FindFirstFile: INVALID_HANDLE_VALUE means "none"; they differ in the call
+// that ends them.
+template <auto CloseFn>
+struct InvalidValueIsNoneTraits {
     using Type = HANDLE;
     static Type Invalid() { return INVALID_HANDLE_VALUE; }
     static bool IsValid(Type h) { return h != nullptr && h != INVALID_HANDLE_VALUE; }
-    static void Close(Type h) { ::CloseHandle(h); }
+    static void Close(Type h) { CloseFn(h); }
 };
-using UniqueFile = UniqueResource<FileHandleTraits>;
+using UniqueFile = UniqueResource<InvalidValueIsNoneTraits<&::CloseHandle>>;
 
 using UniqueRegKey = UniqueResource<ZeroIsNoneTraits<HKEY, &::RegCloseKey>>;
 using UniqueMappedView = UniqueResource<ZeroIsNoneTraits<void*, &::UnmapViewOfFile>>;

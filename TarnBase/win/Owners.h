@@ -22,13 +22,7 @@ using UniqueCoTaskMem = UniqueResource<ZeroIsNoneTraits<T*, &::CoTaskMemFree>>;
 using UniqueCertContext = UniqueResource<ZeroIsNoneTraits<PCCERT_CONTEXT, &::CertFreeCertificateContext>>;
 
 // FindFirstFile: INVALID_HANDLE_VALUE means "none", and FindClose, not CloseHandle, ends it.
-struct FindHandleTraits {
-    using Type = HANDLE;
-    static Type Invalid() { return INVALID_HANDLE_VALUE; }
-    static bool IsValid(Type h) { return h != nullptr && h != INVALID_HANDLE_VALUE; }
-    static void Close(Type h) { ::FindClose(h); }
-};
-using UniqueFindHandle = UniqueResource<FindHandleTraits>;
+using UniqueFindHandle = UniqueResource<InvalidValueIsNoneTraits<&::FindClose>>;
 
 // A VARIANT that is initialised on creation and cleared (freeing what it holds) on exit.
 class UniqueVariant : public NoCopySemantics {
